@@ -1,0 +1,17 @@
+# Warning and sanitizer flags shared by every target of the project.
+add_library(tellora_flags INTERFACE)
+target_compile_options(tellora_flags INTERFACE -Wall -Wextra
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>)
+if(TELLORA_WERROR)
+  target_compile_options(tellora_flags INTERFACE -Werror)
+endif()
+
+if(TELLORA_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined -fno-sanitize-recover=all)
+elseif(TELLORA_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT TELLORA_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "TELLORA_SANITIZE must be address, thread or empty")
+endif()

@@ -1,0 +1,272 @@
+// Behaviour of the exported hash functions: refusals, sizes, the special
+// inputs whose words are known, toggles, and the shared tables.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "fingerprint/audiohash/test_signals.h"
+#include "tellora/audiohash.h"
+
+namespace {
+
+using tellora::testing::babble;
+using tellora::testing::noise;
+
+// One fresh state per call, as the pipeline does it.
+struct Hashed {
+  int32_t status;
+  hashres res{};
+  hashst st{};
+  Hashed(const std::vector<float>& samples, int32_t P = 0, int32_t sr = 8000) {
+    inithashst(&st);
+    status = audiohash(samples.data(), static_cast<uint32_t>(samples.size()), &res, &st, P, sr);
+  }
+  ~Hashed() {
+    if (status == 0) freehash(&res);
+    freehashst(&st);
+  }
+  std::vector<uint32_t> words() const {
+    if (res.nbhashes <= 0) return {};
+    return {res.hashes, res.hashes + res.nbhashes};
+  }
+};
+
+TEST(AudiohashRefusal, RefusedInputLeavesRecordsUntouched) {
+  std::vector<float> samples(4000, 0.1f);
+  hashres res;
+  hashst st;
+  std::memset(&res, 0xAB, sizeof res);
+  inithashst(&st);
+  const hashres before = res;
+
+  EXPECT_EQ(audiohash(nullptr, 4000, &res, &st, 0, 8000), -1);
+  EXPECT_EQ(audiohash(samples.data(), 0, &res, &st, 0, 8000), -1);
+  EXPECT_EQ(audiohash(samples.data(), 4000, nullptr, &st, 0, 8000), -1);
+  EXPECT_EQ(audiohash(samples.data(), 4000, &res, nullptr, 0, 8000), -1);
+  EXPECT_EQ(audiohash(samples.data(), 4000, &res, &st, 0, 5999), -1);
+  EXPECT_EQ(audiohash(samples.data(), 4000, &res, &st, -1, 8000), -1);
+  EXPECT_EQ(audiohash(samples.data(), 4000, &res, &st, 33, 8000), -1);
+  EXPECT_EQ(std::memcmp(&res, &before, sizeof res), 0);
+  EXPECT_EQ(st.framelength, 0u);
+  freehashst(&st);  // safe after refusals: inithashst cleared the pointers
+  freehashst(nullptr);
+  freehash(nullptr);
+}
+
+TEST(AudiohashRefusal, LowestAcceptedRateUsesA2048Frame) {
+  Hashed h(noise(3968, 1), 0, 6000);
+  ASSERT_EQ(h.status, 0);
+  EXPECT_EQ(h.st.framelength, 2048u);  // 0.4 * 6000 = 2400
+}
+
+TEST(AudiohashSizes, FrameAndWordCountsAtTheBoundaries) {
+  struct Case {
+    uint32_t samples;
+    int32_t frames;
+  };
+  // At 8000 Hz: N = 2048, step A = 64; F = samples / 64 - 31.
+  for (const Case& c : {Case{3968, 31}, Case{2176, 3}, Case{2175, 2}, Case{2048, 1}, Case{2047, 0},
+                        Case{100, -30}, Case{64 * 1000 + 63, 969}}) {
+    SCOPED_TRACE(c.samples);
+    Hashed h(noise(c.samples, 7));
+    ASSERT_EQ(h.status, 0);
+    EXPECT_EQ(h.res.nbframes, c.frames);
+    EXPECT_EQ(h.res.nbhashes, c.frames - 2);
+    EXPECT_EQ(h.res.bitsperword, 32);
+    EXPECT_EQ(h.res.hashes != nullptr, c.frames > 2);
+    EXPECT_EQ(h.res.frames != nullptr, c.frames > 0);
+    EXPECT_EQ(h.res.toggles, nullptr);
+  }
+}
+
+TEST(AudiohashKnownWords, SilenceGivesZeroEnergiesAndZeroWords) {
+  Hashed h(std::vector<float>(3968, 0.0f));
+  ASSERT_EQ(h.status, 0);
+  for (uint32_t w : h.words())
+    EXPECT_EQ(w, 0u);
+  for (int k = 0; k < h.res.nbframes; ++k)
+    for (int b = 0; b < 33; ++b)
+      EXPECT_EQ(h.res.frames[k][b], 0.0f);
+}
+
+TEST(AudiohashKnownWords, NegativeDcDrivesLowBandsNegativeButWordsStayZero) {
+  Hashed h(std::vector<float>(3968, -0.25f));
+  ASSERT_EQ(h.status, 0);
+  EXPECT_LT(h.res.frames[0][0], 0.0f);  // the signed DC bin feeds the lowest band
+  for (uint32_t w : h.words())
+    EXPECT_EQ(w, 0u);
+}
+
+TEST(AudiohashKnownWords, WordsCompareFramesTwoStepsApartOnly) {
+  // Period of two steps: frames i - 1 and i + 1 are always equal, whatever i holds.
+  std::vector<float> periodic(3968);
+  auto cycle = noise(128, 3);
+  for (size_t i = 0; i < periodic.size(); ++i)
+    periodic[i] = cycle[i % 128];
+  Hashed h(periodic);
+  ASSERT_EQ(h.status, 0);
+  for (uint32_t w : h.words())
+    EXPECT_EQ(w, 0u);
+  EXPECT_NE(std::memcmp(h.res.frames[0], h.res.frames[1], 33 * sizeof(float)), 0);
+}
+
+TEST(AudiohashKnownWords, RealAudioSetsBitsInBothDirections) {
+  Hashed h(babble(3968, 5, 8000));
+  ASSERT_EQ(h.status, 0);
+  int ones = 0;
+  for (uint32_t w : h.words())
+    ones += std::popcount(w);
+  EXPECT_GT(ones, 29 * 32 / 5);
+  EXPECT_LT(ones, 29 * 32 * 4 / 5);
+}
+
+// Rounded-down |d| of each bit of word w, from the frame energies the call returns.
+std::vector<double> roundedDiffs(const hashres& r, int w) {
+  std::vector<double> diffs(32);
+  for (int m = 0; m < 32; ++m) {
+    const float* next = r.frames[w + 2];
+    const float* prev = r.frames[w];
+    const float d = (next[m] - next[m + 1]) - (prev[m] - prev[m + 1]);
+    diffs[31 - m] = std::floor(std::fabs((double)d));  // indexed by bit position
+  }
+  return diffs;
+}
+
+TEST(AudiohashToggles, NoneAllAndTheLeastReliableBits) {
+  const auto scaled = babble(3968, 11, 8000);
+  {
+    Hashed h(scaled, 0);
+    EXPECT_EQ(h.res.toggles, nullptr);
+    EXPECT_EQ(h.res.ntoggles, 0);
+  }
+  {
+    Hashed h(scaled, 32);
+    ASSERT_EQ(h.status, 0);
+    for (int w = 0; w < h.res.nbhashes; ++w)
+      EXPECT_EQ(h.res.toggles[w], 0xFFFFFFFFu);
+  }
+  for (int P : {1, 3, 8}) {
+    Hashed h(scaled, P);
+    ASSERT_EQ(h.status, 0);
+    ASSERT_EQ(h.res.ntoggles, P);
+    for (int w = 0; w < h.res.nbhashes; ++w) {
+      const uint32_t mask = h.res.toggles[w];
+      EXPECT_EQ(std::popcount(mask), P);
+      // No untoggled bit is less reliable than a toggled one.
+      const auto diffs = roundedDiffs(h.res, w);
+      double maxToggled = 0, minKept = INFINITY;
+      for (int bit = 0; bit < 32; ++bit) {
+        if (mask >> bit & 1u)
+          maxToggled = std::max(maxToggled, diffs[bit]);
+        else
+          minKept = std::min(minKept, diffs[bit]);
+      }
+      EXPECT_LE(maxToggled, minKept) << "word " << w;
+    }
+    Hashed plain(scaled, 0);
+    EXPECT_EQ(h.words(), plain.words());  // toggles never change the words
+  }
+}
+
+TEST(AudiohashHelpers, SelectionSortIsNotStable) {
+  float values[3] = {1, 1, 0};
+  uint8_t idx[3] = {0, 1, 2};
+  sort_barkdiffs(values, idx, 3);
+  EXPECT_EQ(values[0], 0);
+  EXPECT_EQ(values[2], 1);
+  // The swap moved band 0 behind band 1: a stable sort would give 2, 0, 1.
+  EXPECT_EQ(idx[0], 2);
+  EXPECT_EQ(idx[1], 1);
+  EXPECT_EQ(idx[2], 0);
+}
+
+TEST(AudiohashHelpers, FrameLengthExponent) {
+  EXPECT_EQ(getexpframelength(8000, 0.4f), 11);
+  EXPECT_EQ(getexpframelength(6000, 0.4f), 11);
+  EXPECT_EQ(getexpframelength(44100, 0.4f), 14);
+  EXPECT_EQ(getexpframelength(1, 1.0f), 0);
+  EXPECT_EQ(getexpframelength(0, 0.4f), -1);
+  EXPECT_EQ(getexpframelength(-8000, 0.4f), -1);
+  EXPECT_EQ(getexpframelength(8000, 1e30f), 30);  // clamped, never undefined
+}
+
+TEST(AudiohashHelpers, WindowAndBandWeights) {
+  float* w = GetHammingWindow(2048);
+  ASSERT_NE(w, nullptr);
+  EXPECT_FLOAT_EQ(w[0], 0.08f);
+  EXPECT_EQ(w[0], w[2047]);
+  EXPECT_FLOAT_EQ(w[100], w[1947]);
+  free(w);
+
+  float** wts = GetWts(8000, 1024);
+  ASSERT_NE(wts, nullptr);
+  for (int b = 0; b < 33; ++b) {
+    float peak = 0;
+    int at = 0;
+    for (int j = 0; j < 1024; ++j) {
+      ASSERT_GT(wts[b][j], 0.0f);
+      ASSERT_LE(wts[b][j], 1.0f);
+      if (wts[b][j] > peak) peak = wts[b][j], at = j;
+    }
+    EXPECT_EQ(peak, 1.0f);
+    // Bin j is j * 4000 / 1024 Hz: the flat top starts at or below the band centre.
+    const float centres[33] = {50,   75,   100,  125,  150,  200,  250,  300,  350,  400,  450,
+                               510,  570,  635,  700,  770,  840,  920,  1000, 1085, 1170, 1270,
+                               1370, 1485, 1600, 1725, 1850, 2000, 2150, 2325, 2500, 2700, 2900};
+    EXPECT_LE(at * 4000.0f / 1024, centres[b]) << "band " << b;
+    free(wts[b]);
+  }
+  free(wts);
+  EXPECT_EQ(GetWts(8000, 0), nullptr);
+}
+
+TEST(AudiohashState, TablesAreSharedPerRateAndOutliveOtherStates) {
+  auto samples = noise(3968, 21);
+  Hashed a(samples), b(samples);
+  ASSERT_EQ(a.status, 0);
+  ASSERT_EQ(b.status, 0);
+  EXPECT_EQ(a.st.window, b.st.window);
+  EXPECT_EQ(a.st.wts, b.st.wts);
+  EXPECT_NE(a.st.mag, b.st.mag);  // scratch is per state
+  freehashst(&a.st);
+  Hashed c(samples);
+  EXPECT_EQ(c.words(), b.words());
+}
+
+TEST(AudiohashState, ASecondCallOnAPreparedStateDegeneratesTheTransform) {
+  auto samples = babble(3968, 4, 8000);
+  Hashed fresh(samples);
+  hashres again{};
+  ASSERT_EQ(audiohash(samples.data(), 3968, &again, &fresh.st, 0, 8000), 0);
+  ASSERT_EQ(again.nbhashes, 29);
+  EXPECT_NE(std::vector<uint32_t>(again.hashes, again.hashes + 29), fresh.words());
+  freehash(&again);
+}
+
+TEST(AudiohashThreads, ConcurrentCallsMatchSequentialOnes) {
+  std::vector<std::vector<float>> inputs;
+  std::vector<std::vector<uint32_t>> expected;
+  for (uint32_t s = 0; s < 6; ++s) {
+    inputs.push_back(babble(8000, s, 8000));
+    expected.push_back(Hashed(inputs.back()).words());
+  }
+  std::vector<std::thread> threads;
+  std::vector<int> mismatches(inputs.size(), 0);
+  for (size_t t = 0; t < inputs.size(); ++t)
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < 5; ++round)
+        if (Hashed(inputs[t], 0, round % 2 ? 8000 : 11025).status != 0 ||
+            Hashed(inputs[t]).words() != expected[t])
+          ++mismatches[t];
+    });
+  for (auto& th : threads)
+    th.join();
+  for (int m : mismatches)
+    EXPECT_EQ(m, 0);
+}
+
+}  // namespace
