@@ -1,0 +1,198 @@
+/* A host written in C, linked against libtellora.so: sets up with its own
+ * configuration, searches, hears of a pushed client through its callback and
+ * through a notification observer, lists the nearby clients and stops.
+ *
+ * Usage: c_api_test REGISTRATION_URL WEBSOCKET_URL
+ * The driver test runs it against its loopback servers (with the server
+ * pushing client "peer-1" after the nearby request) and a user-defaults file
+ * of its own (TELLORA_DEFAULTS_PATH). Exit status 0 when every check held;
+ * each failed check is printed on stderr. */
+#define _POSIX_C_SOURCE 200809L
+
+#include <pthread.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+
+#include "tellora/tellora.h"
+
+#define HOST_MAGIC 0x7e11042a
+
+typedef struct host_state {
+  unsigned magic; /* proves the SDK hands back the very pointer it was given */
+  pthread_mutex_t mutex;
+  int started;
+  int found;
+  char found_id[64];
+  char found_payload[64];
+  int found_notices;
+  char notice_id[64];
+  char notice_payload[64];
+  int stopped;
+  int stopped_with_error;
+} host_state;
+
+typedef struct listing {
+  int count;
+  char first_id[64];
+} listing;
+
+static int failures = 0;
+
+#define CHECK(condition)                                                            \
+  do {                                                                              \
+    if (!(condition)) {                                                             \
+      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
+      ++failures;                                                                   \
+    }                                                                               \
+  } while (0)
+
+static void copy_text(char* to, size_t size, const char* from) {
+  if (!from) from = "(null)";
+  strncpy(to, from, size - 1);
+  to[size - 1] = '\0';
+}
+
+static host_state* state_of(void* user) {
+  host_state* state = (host_state*)user;
+  if (!state || state->magic != HOST_MAGIC) return NULL;
+  return state;
+}
+
+static void on_started(void* user) {
+  host_state* state = state_of(user);
+  if (!state) return;
+  pthread_mutex_lock(&state->mutex);
+  ++state->started;
+  pthread_mutex_unlock(&state->mutex);
+}
+
+static void on_found(const char* client_id, const char* payload, void* user) {
+  host_state* state = state_of(user);
+  if (!state) return;
+  pthread_mutex_lock(&state->mutex);
+  ++state->found;
+  copy_text(state->found_id, sizeof state->found_id, client_id);
+  copy_text(state->found_payload, sizeof state->found_payload, payload);
+  pthread_mutex_unlock(&state->mutex);
+}
+
+static void on_lost(const char* client_id, const char* payload, void* user) {
+  (void)client_id;
+  (void)payload;
+  (void)user;
+}
+
+static void on_stopped(const tlr_error* error, void* user) {
+  host_state* state = state_of(user);
+  if (!state) return;
+  pthread_mutex_lock(&state->mutex);
+  ++state->stopped;
+  if (error) ++state->stopped_with_error;
+  pthread_mutex_unlock(&state->mutex);
+}
+
+static void on_found_notice(const tlr_notification* notification, void* user) {
+  host_state* state = state_of(user);
+  if (!state) return;
+  pthread_mutex_lock(&state->mutex);
+  if (strcmp(notification->name, "TelloraClientFoundNotification") == 0) {
+    ++state->found_notices;
+    copy_text(state->notice_id, sizeof state->notice_id, notification->client_id);
+    copy_text(state->notice_payload, sizeof state->notice_payload, notification->client_payload);
+  }
+  pthread_mutex_unlock(&state->mutex);
+}
+
+static void on_each_nearby(const char* client_id, const char* payload, void* user) {
+  listing* list = (listing*)user;
+  (void)payload;
+  if (list->count == 0) copy_text(list->first_id, sizeof list->first_id, client_id);
+  ++list->count;
+}
+
+/* Reads one counter under the lock. */
+static int read_counter(host_state* state, const int* counter) {
+  int value;
+  pthread_mutex_lock(&state->mutex);
+  value = *counter;
+  pthread_mutex_unlock(&state->mutex);
+  return value;
+}
+
+/* Waits up to five seconds for a counter to reach `at_least`. */
+static int wait_for(host_state* state, const int* counter, int at_least) {
+  const struct timespec pause = {0, 5 * 1000 * 1000};
+  int round;
+  for (round = 0; round < 1000; ++round) {
+    if (read_counter(state, counter) >= at_least) return 1;
+    nanosleep(&pause, NULL);
+  }
+  return 0;
+}
+
+int main(int argc, char** argv) {
+  /* Static: the SDK may still call back while the process exits. */
+  static host_state state;
+  tlr_configuration configuration;
+  listing list;
+  uint64_t observer;
+
+  if (argc != 3) {
+    fprintf(stderr, "usage: %s REGISTRATION_URL WEBSOCKET_URL\n", argv[0]);
+    return 2;
+  }
+
+  CHECK(TelloraVersionNumber == 1.0);
+  CHECK(strcmp((const char*)TelloraVersionString, "@(#)PROGRAM:Tellora  PROJECT:Tellora-1\n") == 0);
+  CHECK(strcmp(UDClientID, "TLRUserDefaultsClientID") == 0);
+  CHECK(strcmp(UDClientSecret, "TLRUserDefaultsClientSecret") == 0);
+
+  memset(&state, 0, sizeof state);
+  state.magic = HOST_MAGIC;
+  pthread_mutex_init(&state.mutex, NULL);
+
+  tlr_set_host_application("com.example.c-host", "2.0");
+  observer = tlr_add_observer("TelloraClientFoundNotification", on_found_notice, &state);
+  CHECK(observer != 0);
+
+  memset(&configuration, 0, sizeof configuration);
+  configuration.registration_server_url = argv[1];
+  configuration.websocket_server_url = argv[2];
+  configuration.app_id = 42;
+  configuration.app_secret = "c-secret";
+  configuration.host_fed_audio = 1; /* no microphone here */
+  tlr_setup_with_configuration(&configuration);
+
+  tlr_start_searching("c-payload", on_started, on_found, on_lost, on_stopped, &state);
+  CHECK(tlr_is_searching() == 1);
+  CHECK(wait_for(&state, &state.started, 1));
+  CHECK(wait_for(&state, &state.found, 1));
+  CHECK(wait_for(&state, &state.found_notices, 1));
+
+  pthread_mutex_lock(&state.mutex);
+  CHECK(state.found == 1);
+  CHECK(strcmp(state.found_id, "peer-1") == 0);
+  CHECK(strcmp(state.found_payload, "hello from peer") == 0);
+  CHECK(state.found_notices == 1);
+  CHECK(strcmp(state.notice_id, "peer-1") == 0);
+  CHECK(strcmp(state.notice_payload, "hello from peer") == 0);
+  pthread_mutex_unlock(&state.mutex);
+
+  memset(&list, 0, sizeof list);
+  CHECK(tlr_nearby_clients(on_each_nearby, &list) == 1);
+  CHECK(list.count == 1);
+  CHECK(strcmp(list.first_id, "peer-1") == 0);
+  CHECK(tlr_nearby_clients(NULL, NULL) == 1);
+
+  tlr_stop_search();
+  CHECK(read_counter(&state, &state.stopped) == 1);
+  CHECK(read_counter(&state, &state.stopped_with_error) == 0);
+  CHECK(tlr_is_searching() == 0);
+
+  tlr_remove_observer(observer);
+  tlr_disconnect();
+
+  if (failures == 0) printf("c host: all checks passed\n");
+  return failures == 0 ? 0 : 1;
+}

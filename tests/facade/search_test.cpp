@@ -1,0 +1,327 @@
+// The search session: the request sequence, fingerprints on the server's
+// clock, nearby clients found and lost, stopping, and recorder failures.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "runtime/clock.h"
+#include "tests/facade/facade_fixture.h"
+
+namespace tellora::facade_test {
+namespace {
+
+// The position of the first request of this type; -1 when none came.
+int positionOfType(const std::vector<nlohmann::json>& requests, int type) {
+  for (size_t i = 0; i < requests.size(); ++i) {
+    if (requests[i].is_object() && requests[i].value("type", -1) == type)
+      return static_cast<int>(i);
+  }
+  return -1;
+}
+
+int countOf(const std::vector<TLRClient>& clients, const std::string& id) {
+  return static_cast<int>(std::count_if(clients.begin(), clients.end(),
+                                        [&](const TLRClient& c) { return c.clientID() == id; }));
+}
+
+// --- The search sequence -------------------------------------------------------------
+
+using SearchSequenceTest = FacadeTest;
+
+TEST_F(SearchSequenceTest, ModeThenPayloadThenNearbyAfterClockMeasurement) {
+  match_.setNearby(nlohmann::json::parse(
+      R"([{"clientId":"n1","payload":"p1"},{"clientId":"n2","payload":null}])"));
+  startSearchAndWait("my-payload");
+  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 2; }));
+
+  const auto requests = match_.requests();
+  const int mode = positionOfType(requests, 0);
+  const int payload = positionOfType(requests, 1);
+  const int nearby = positionOfType(requests, 2);
+  ASSERT_GE(mode, 0);
+  EXPECT_LT(mode, payload);
+  EXPECT_LT(payload, nearby);
+  // The search waited for the five clock readings.
+  ASSERT_EQ(match_.requestsOfType(3).size(), 5u);
+  for (size_t i = 0; i < static_cast<size_t>(mode); ++i)
+    EXPECT_EQ(requests[i]["type"], 3);
+
+  EXPECT_EQ(requests[mode]["data"], nlohmann::json({{"mode", 3}}));
+  EXPECT_EQ(requests[payload]["data"], "my-payload");  // the bare string
+  EXPECT_FALSE(requests[nearby].contains("data"));
+
+  EXPECT_LT(events_->indexOf(TelloraWillStartSearchNotification),
+            events_->indexOf(TelloraDidStartSearchNotification));
+  EXPECT_LT(events_->indexOf(TelloraDidStartSearchNotification), events_->indexOf("started"));
+  EXPECT_EQ(events_->startedCount(), 1);
+  EXPECT_EQ(searchState(), TLRSearchStateSearching);
+
+  const auto found = events_->foundClients();
+  EXPECT_EQ(found[0].id, "n1");
+  EXPECT_EQ(found[0].payload, "p1");
+  EXPECT_EQ(found[1].id, "n2");
+  EXPECT_FALSE(found[1].payload.has_value());
+  const auto notices = events_->notices(TelloraClientFoundNotification);
+  ASSERT_EQ(notices.size(), 2u);
+  EXPECT_EQ(notices[0].client->clientID(), "n1");
+  EXPECT_EQ(notices[1].client->clientID(), "n2");
+  const auto listed = nearbyClients();
+  ASSERT_EQ(listed.size(), 2u);
+  EXPECT_EQ(listed[0].clientID(), "n1");
+  EXPECT_EQ(listed[1].clientID(), "n2");
+}
+
+TEST_F(SearchSequenceTest, RestartAppendsNearbyAnswerAgain) {
+  match_.setNearby(nlohmann::json::parse(R"([{"clientId":"n1","payload":"p1"}])"));
+  startSearchAndWait();
+  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 1; }));
+  onLoop([&] { facade_->stopSearching(); });
+  EXPECT_EQ(nearbyClients().size(), 1u);  // a stop keeps the list
+
+  startSearch("second");
+  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 2; }));
+  EXPECT_EQ(countOf(nearbyClients(), "n1"), 2);
+  EXPECT_EQ(match_.requestsOfType(1).back()["data"], "second");
+}
+
+TEST_F(SearchSequenceTest, StartBeforeSetupWaitsForConfiguration) {
+  createFacade();
+  startSearch("early");
+  EXPECT_EQ(events_->countLog("Tellora: Please prepare the configuration"), 1u);
+  EXPECT_EQ(searchState(), TLRSearchStateStarting);
+  EXPECT_TRUE(onLoop([&] { return facade_->isSearching(); }));
+  EXPECT_EQ(registrar_.requests().size(), 0u);
+
+  // Setting up later connects, and the pending search runs once the clock is known.
+  setUpFacade();
+  ASSERT_TRUE(match_.waitForRequestsOfType(1, 1));
+  EXPECT_EQ(match_.requestsOfType(1).at(0)["data"], "early");
+  ASSERT_TRUE(waitUntil([&] { return events_->startedCount() == 1; }));
+}
+
+TEST_F(SearchSequenceTest, StartWhileConnectingRunsAfterClockMeasurement) {
+  storeIdentity(kClientID, kClientSecret);
+  createFacade();
+  // One turn of the loop, so that the connection cannot open in between.
+  onLoop([&] {
+    facade_->setConfiguration(configuration());
+    EXPECT_EQ(facade_->telloraState(), TLRTelloraStateConnecting);
+    startSearch("pending");
+    EXPECT_EQ(facade_->searchState(), TLRSearchStateStarting);
+  });
+
+  ASSERT_TRUE(match_.waitForRequestsOfType(2, 1));
+  const auto requests = match_.requests();
+  const int mode = positionOfType(requests, 0);
+  ASSERT_EQ(mode, 5) << "the five clock readings come first";
+  EXPECT_EQ(requests[positionOfType(requests, 1)]["data"], "pending");
+  EXPECT_EQ(registrar_.requests().size(), 0u);
+  EXPECT_EQ(match_.ws().log().acceptedConnections, 1u);
+}
+
+TEST_F(SearchSequenceTest, StartWhileSearchingOnlyLogsAndKeepsNewPayload) {
+  startSearchAndWait("first");
+  startSearch("second");
+
+  EXPECT_EQ(events_->countLog("Tellora: search already running"), 1u);
+  EXPECT_EQ(events_->notices(TelloraWillStartSearchNotification).size(), 2u);
+  EXPECT_EQ(onLoop([&] { return facade_->payload(); }), "second");
+  EXPECT_TRUE(onLoop([&] { return facade_->needRunSearch(); }));
+  EXPECT_EQ(searchState(), TLRSearchStateSearching);
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(match_.requestsOfType(0).size(), 1u);
+  EXPECT_EQ(match_.requestsOfType(1).size(), 1u);  // the new payload is not sent
+}
+
+// --- Fingerprints ------------------------------------------------------------------------
+
+using FingerprintTest = FacadeTest;
+
+// The server's clock runs 1000 ms ahead. "etime" carries the offset itself and
+// "stime" the part's local start moved onto the server clock.
+TEST_F(FingerprintTest, SentWithStartOnServerClockAndOffsetAsEnd) {
+  startSearchAndWait();
+  const double offset = onLoop([&] { return facade_->timeDifference(); });
+  EXPECT_NEAR(offset, 1000, 50);
+
+  const double firstItemTicks = monotonicTicks();
+  const double localStartMs = wallClockSeconds() * 1000;
+  feedAudio(1.2, firstItemTicks);
+  ASSERT_TRUE(match_.waitForRequestsOfType(4, 1));
+
+  const auto fingerprint = match_.requestsOfType(4).at(0);
+  const auto& data = fingerprint["data"];
+  ASSERT_TRUE(data["fp"].is_string());
+  EXPECT_EQ(data["fp"].get<std::string>().size(), 156u);
+  ASSERT_TRUE(data["stime"].is_number());
+  ASSERT_TRUE(data["etime"].is_number());
+  const double stime = data["stime"];
+  const double etime = data["etime"];
+  EXPECT_DOUBLE_EQ(etime, offset);
+  EXPECT_NEAR(stime - etime, localStartMs, 20);
+}
+
+TEST_F(FingerprintTest, StopReleasesTheRecorder) {
+  startSearchAndWait();
+  feedAudio(1.2, monotonicTicks());
+  ASSERT_TRUE(match_.waitForRequestsOfType(4, 1));
+  onLoop([&] { facade_->stopSearching(); });
+  // The recorder is stopped: the host's audio no longer goes anywhere.
+  const int16_t block[800] = {};
+  EXPECT_FALSE(audio_->push(block, 800));
+  EXPECT_FALSE(onLoop([&] { return facade_->isRecording(); }));
+}
+
+// --- Nearby tracking ---------------------------------------------------------------------
+
+using NearbyTest = FacadeTest;
+
+TEST_F(NearbyTest, SameClientPushedTwiceIsListedTwiceAndLostOnce) {
+  startSearchAndWait();
+  match_.pushFound("twin", "a");
+  match_.pushFound("twin", "b");
+  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 2; }));
+  EXPECT_EQ(countOf(nearbyClients(), "twin"), 2);
+  EXPECT_EQ(events_->notices(TelloraClientFoundNotification).size(), 2u);
+
+  match_.pushLost("twin");
+  ASSERT_TRUE(waitUntil([&] { return events_->lostClients().size() == 1; }));
+  // Only the entry of the first report goes.
+  const auto listed = nearbyClients();
+  ASSERT_EQ(listed.size(), 1u);
+  EXPECT_EQ(listed[0].payload(), "b");
+  EXPECT_EQ(events_->lostClients().at(0).payload, "a");
+  const auto lostNotices = events_->notices(TelloraClientLostNotification);
+  ASSERT_EQ(lostNotices.size(), 1u);
+  EXPECT_EQ(lostNotices[0].client->clientID(), "twin");
+  EXPECT_EQ(lostNotices[0].client->payload(), "a");
+}
+
+TEST_F(NearbyTest, LostForUnknownIdIsIgnored) {
+  startSearchAndWait();
+  match_.pushFound("known", "k");
+  match_.pushLost("ghost");
+  // A push after the ghost's shows it has been handled.
+  match_.pushFound("marker", nullptr);
+  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 2; }));
+
+  EXPECT_TRUE(events_->lostClients().empty());
+  EXPECT_TRUE(events_->notices(TelloraClientLostNotification).empty());
+  EXPECT_EQ(nearbyClients().size(), 2u);
+}
+
+TEST_F(NearbyTest, PushesReachHostWhileNotSearching) {
+  // Pushes are the server's business: the facade reports them whatever the search state.
+  startSearchAndWait();
+  onLoop([&] { facade_->stopSearching(); });
+  match_.pushFound("late", "x");
+  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 1; }));
+  EXPECT_EQ(nearbyClients().at(0).clientID(), "late");
+}
+
+// --- Stopping ------------------------------------------------------------------------------
+
+using StopTest = FacadeTest;
+
+TEST_F(StopTest, CallsStoppedCallbackOnceAndAnnouncesEveryTime) {
+  startSearchAndWait();
+  onLoop([&] { facade_->stopSearching(); });
+
+  ASSERT_EQ(events_->stops().size(), 1u);
+  EXPECT_FALSE(events_->stops().at(0).error.has_value());
+  EXPECT_EQ(events_->countLog("Tellora: stoped search"), 1u);
+  EXPECT_EQ(events_->notices(TelloraSearchWillStopNotification).size(), 1u);
+  EXPECT_EQ(searchState(), TLRSearchStateStopped);
+  EXPECT_FALSE(onLoop([&] { return facade_->payload(); }).has_value());
+  EXPECT_TRUE(events_->notices(TelloraSearchStopNotification).empty());
+
+  // Stopped already: the log line and the will-stop notification only.
+  onLoop([&] { facade_->stopSearching(); });
+  EXPECT_EQ(events_->stops().size(), 1u);
+  EXPECT_EQ(events_->countLog("Tellora: stoped search"), 2u);
+  EXPECT_EQ(events_->notices(TelloraSearchWillStopNotification).size(), 2u);
+}
+
+TEST_F(StopTest, StopWithBlockCallsOnlyThatBlock) {
+  startSearchAndWait();
+  int blockCalls = 0;
+  onLoop([&] {
+    facade_->stopSearchingWithBlock([&](const std::optional<TLRError>& error) {
+      EXPECT_FALSE(error.has_value());
+      ++blockCalls;
+    });
+  });
+  EXPECT_EQ(blockCalls, 1);
+  EXPECT_TRUE(events_->stops().empty());
+  EXPECT_EQ(searchState(), TLRSearchStateStopped);
+}
+
+TEST_F(StopTest, AnonymousBufferKeepsRecorderRunningAcrossStop) {
+  // Shared with the observer, which outlives the test if an assertion ends it early.
+  auto recorderStarts = std::make_shared<std::atomic<int>>(0);
+  auto& center = TLRNotificationCenter::defaultCenter();
+  const auto token =
+      center.addObserver(TLRAudioConnectSuccNotification,
+                         [recorderStarts](const TLRNotification&) { ++*recorderStarts; });
+  createFacade();
+  center.post("TelloraPrivateStartUseAnonimousBuffer");
+  EXPECT_EQ(events_->countLog("Tellora: AnonimousBuffer turn on"), 1u);
+
+  startSearchAndWait();
+  EXPECT_EQ(*recorderStarts, 1);
+  onLoop([&] { facade_->stopSearching(); });
+  EXPECT_TRUE(onLoop([&] { return facade_->isRecording(); }));
+  EXPECT_TRUE(onLoop([&] { return facade_->recorder()->isRec(); }));
+  // The recorder still takes audio; the hasher keeps it instead of sending.
+  feedAudio(0.4, monotonicTicks());
+
+  startSearch("again");
+  ASSERT_TRUE(waitUntil([&] { return events_->startedCount() == 2; }));
+  EXPECT_EQ(*recorderStarts, 1);  // the running recorder was not started again
+
+  center.post("TelloraPrivateStopUseAnonimousBuffer");
+  EXPECT_EQ(events_->countLog("Tellora: AnonimousBuffer turn off"), 1u);
+  onLoop([&] { facade_->stopSearching(); });
+  EXPECT_FALSE(onLoop([&] { return facade_->isRecording(); }));
+  EXPECT_FALSE(onLoop([&] { return facade_->recorder()->isRec(); }));
+  center.removeObserver(token);
+}
+
+// --- Recorder failures -------------------------------------------------------------------
+
+class RefusingSource : public TLRAudioSource {
+ public:
+  TLRAudioStartResult start(const TLRAudioSourceFormat&, BlockSink) override {
+    return TLRAudioStartResult::notPermitted(-9997, "Pa_OpenStream");
+  }
+  void stop() override {}
+};
+
+using RecorderFailureTest = FacadeTest;
+
+TEST_F(RecorderFailureTest, MicrophoneNotPermittedEndsSearchWithError101) {
+  auto config = configuration();
+  config.audioSourceFactory = [] { return std::make_unique<RefusingSource>(); };
+  setUpFacade(config);
+  startSearch("payload");
+  ASSERT_TRUE(waitUntil([&] { return !events_->stops().empty(); }));
+
+  const auto stop = events_->stops().at(0);
+  ASSERT_TRUE(stop.error.has_value());
+  EXPECT_EQ(stop.error->domain, "com.tellora.quillmark.ErrorDomain");
+  EXPECT_EQ(stop.error->code, 101);
+  EXPECT_EQ(stop.error->userInfo.at("message"),
+            TLRErrorInfoValue(std::string("Microphone is disabled")));
+  const auto notices = events_->notices(TelloraSearchStopNotification);
+  ASSERT_EQ(notices.size(), 1u);
+  ASSERT_TRUE(notices[0].error.has_value());
+  EXPECT_EQ(*notices[0].error, *stop.error);
+  EXPECT_EQ(searchState(), TLRSearchStateStopped);
+}
+
+}  // namespace
+}  // namespace tellora::facade_test

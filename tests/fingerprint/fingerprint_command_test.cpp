@@ -1,0 +1,143 @@
+// `tellora fingerprint` run as a user runs it, on WAV files written here.
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include <cstdio>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "fingerprint/part_fingerprint.h"
+#include "fingerprint/pcm.h"
+#include "tellora/audiohash.h"
+#include "tests/tools/scratch_dir.h"
+#include "tests/tools/test_audio.h"
+#include "tests/tools/tool_runner.h"
+
+namespace tellora::testtools {
+namespace {
+
+struct PrintedPart {
+  double start = 0;
+  double end = 0;
+  std::string fingerprint;
+};
+
+std::vector<PrintedPart> parsePlain(const std::string& out) {
+  static const std::regex line(R"((\d+\.\d{3}) (\d+\.\d{3}) ([A-Za-z0-9+/=]+))");
+  std::vector<PrintedPart> parts;
+  for (const std::string& text : splitLines(out)) {
+    std::smatch m;
+    EXPECT_TRUE(std::regex_match(text, m, line)) << text;
+    if (m.empty()) continue;
+    parts.push_back({std::stod(m[1]), std::stod(m[2]), m[3]});
+  }
+  return parts;
+}
+
+std::vector<PrintedPart> parseJson(const std::string& out) {
+  static const std::regex line(
+      R"re(\{"start":(\d+\.\d{3}),"end":(\d+\.\d{3}),"fingerprint":"([A-Za-z0-9+/=]+)"\})re");
+  std::vector<PrintedPart> parts;
+  for (const std::string& text : splitLines(out)) {
+    std::smatch m;
+    EXPECT_TRUE(std::regex_match(text, m, line)) << text;
+    if (m.empty()) continue;
+    parts.push_back({std::stod(m[1]), std::stod(m[2]), m[3]});
+  }
+  return parts;
+}
+
+std::string fingerprintOf(const std::vector<int16_t>& items) {
+  std::vector<float> samples(items.size());
+  pcmItemsToFloats(items.data(), items.size(), samples.data());
+  hashst state;
+  inithashst(&state);
+  hashres result{};
+  EXPECT_EQ(
+      audiohash(samples.data(), static_cast<uint32_t>(samples.size()), &result, &state, 0, 8000),
+      0);
+  std::vector<uint32_t> words(result.hashes, result.hashes + result.nbhashes);
+  freehash(&result);
+  freehashst(&state);
+  return fingerprintFromWords(words);
+}
+
+class FingerprintCommandTest : public ::testing::Test {
+ protected:
+  std::string writeWav(const std::string& name, const std::vector<int16_t>& items) {
+    const std::string path = dir_.file(name);
+    testaudio::writeItems(path, items, 1, 8000, SF_FORMAT_WAV);
+    return path;
+  }
+  static std::vector<int16_t> threeSeconds() {
+    auto sound = testaudio::renderChord(8000, 0.0, 3.0);
+    testaudio::addNoise(sound, 0.05f, 9u);
+    return testaudio::toItems(sound);
+  }
+
+  ScratchDir dir_;
+};
+
+TEST_F(FingerprintCommandTest, PrintsOnePartEvery232MsWithTimesFromTheStartOfTheFile) {
+  const auto items = threeSeconds();
+  const std::string path = writeWav("chord.wav", items);
+  const ToolRun run = runTool({"fingerprint", path});
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_EQ(run.err, "");
+
+  const auto parts = parsePlain(run.out);
+  // Cuts at items 3968 + 1856 k below 24000.
+  ASSERT_EQ(parts.size(), 11u);
+  for (size_t k = 0; k < parts.size(); ++k) {
+    EXPECT_EQ(parts[k].fingerprint.size(), 156u) << k;
+    EXPECT_DOUBLE_EQ(parts[k].end, 496.0 + 232.0 * k) << k;
+    EXPECT_DOUBLE_EQ(parts[k].start, parts[k].end - 496.0) << k;
+  }
+  EXPECT_EQ(splitLines(run.out)[0].substr(0, 14), "0.000 496.000 ");
+  // The first part is the file's first 3968 items exactly.
+  EXPECT_EQ(parts[0].fingerprint,
+            fingerprintOf(std::vector<int16_t>(items.begin(), items.begin() + 3968)));
+  EXPECT_NE(parts[0].fingerprint, parts[1].fingerprint);
+}
+
+TEST_F(FingerprintCommandTest, JsonCarriesTheSameValues) {
+  const std::string path = writeWav("chord.wav", threeSeconds());
+  const ToolRun plain = runTool({"fingerprint", path});
+  const ToolRun json = runTool({"fingerprint", path, "--json"});
+  ASSERT_EQ(plain.exitCode, 0) << plain.err;
+  ASSERT_EQ(json.exitCode, 0) << json.err;
+
+  const auto expected = parsePlain(plain.out);
+  const auto actual = parseJson(json.out);
+  ASSERT_EQ(actual.size(), expected.size());
+  for (size_t k = 0; k < actual.size(); ++k) {
+    EXPECT_EQ(actual[k].start, expected[k].start) << k;
+    EXPECT_EQ(actual[k].end, expected[k].end) << k;
+    EXPECT_EQ(actual[k].fingerprint, expected[k].fingerprint) << k;
+  }
+}
+
+TEST_F(FingerprintCommandTest, AFileTooShortForOnePartPrintsNothing) {
+  // A full part still waits for the item that does not fit.
+  auto items = threeSeconds();
+  items.resize(3968);
+  const ToolRun run = runTool({"fingerprint", writeWav("short.wav", items)});
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_EQ(run.out, "");
+
+  items.resize(3969);
+  EXPECT_EQ(splitLines(runTool({"fingerprint", writeWav("one.wav", items)}).out).size(), 1u);
+}
+
+TEST_F(FingerprintCommandTest, AMissingFileFailsWithOneLine) {
+  const ToolRun run = runTool({"fingerprint", dir_.file("absent.wav")});
+  EXPECT_EQ(run.exitCode, 1);
+  EXPECT_EQ(run.out, "");
+  const auto lines = splitLines(run.err);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].rfind("tellora: ", 0), 0u) << lines[0];
+}
+
+}  // namespace
+}  // namespace tellora::testtools

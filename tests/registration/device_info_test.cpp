@@ -1,0 +1,161 @@
+// The device description: its dictionary, the Linux sources behind it, and
+// the parsing of the locale variables, os-release and firmware names.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+#include "registration/device_info.h"
+#include "registration/device_sources.h"
+#include "transport/transport.h"
+
+namespace tellora {
+namespace {
+
+// --- The dictionary and the live values ------------------------------------------------
+
+TEST(DeviceInfoTest, DictionaryHasTheSixKeysWithTheBundleIdAsAppName) {
+  const TLRDeviceInfo info("os", "1.2", "hw", "fr-FR", "com.example.bundle", "9.9");
+  const nlohmann::json expected = {{"os", "os"},
+                                   {"osVersion", "1.2"},
+                                   {"hardware", "hw"},
+                                   {"language", "fr-FR"},
+                                   {"appName", "com.example.bundle"},
+                                   {"appVersion", "9.9"}};
+  EXPECT_EQ(info.dictionary(), expected);
+  EXPECT_EQ(info.bundleID(), "com.example.bundle");
+}
+
+class CurrentDeviceInfoTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    setHostAppIdentifier("");
+    setHostAppVersion("unknown");
+  }
+};
+
+TEST_F(CurrentDeviceInfoTest, EveryValueIsANonEmptyString) {
+  const TLRDeviceInfo info = TLRDeviceInfo::currentDeviceInfo();
+  const nlohmann::json dictionary = info.dictionary();
+  ASSERT_EQ(dictionary.size(), 6u);
+  for (const auto& [key, value] : dictionary.items()) {
+    ASSERT_TRUE(value.is_string()) << key;
+    EXPECT_FALSE(value.get<std::string>().empty()) << key;
+  }
+}
+
+TEST_F(CurrentDeviceInfoTest, HostSettingsNameTheApplication) {
+  EXPECT_EQ(TLRDeviceInfo::currentDeviceInfo().bundleID(), "registration_tests");
+  EXPECT_EQ(TLRDeviceInfo::currentDeviceInfo().appVersion(), "unknown");
+
+  setHostAppIdentifier("com.example.host");
+  setHostAppVersion("3.1");
+  const TLRDeviceInfo info = TLRDeviceInfo::currentDeviceInfo();
+  EXPECT_EQ(info.bundleID(), "com.example.host");
+  EXPECT_EQ(info.appVersion(), "3.1");
+
+  setHostAppIdentifier("");
+  setHostAppVersion("");
+  EXPECT_EQ(TLRDeviceInfo::currentDeviceInfo().bundleID(), "registration_tests");
+  EXPECT_EQ(TLRDeviceInfo::currentDeviceInfo().appVersion(), "unknown");
+}
+
+// --- Language ------------------------------------------------------------------------
+
+struct LanguageCase {
+  LocaleEnvironment environment;
+  std::string expected;
+};
+
+class PreferredLanguageTest : public ::testing::TestWithParam<LanguageCase> {};
+
+TEST_P(PreferredLanguageTest, FromTheLocaleVariables) {
+  const auto& [environment, expected] = GetParam();
+  EXPECT_EQ(preferredLanguage(environment), expected)
+      << "LANGUAGE=" << environment.language << " LC_ALL=" << environment.lcAll
+      << " LC_MESSAGES=" << environment.lcMessages << " LANG=" << environment.lang;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Variables, PreferredLanguageTest,
+    ::testing::Values(
+        LanguageCase{{"", "", "", "en_US.UTF-8"}, "en-US"}, LanguageCase{{"", "", "", ""}, "en"},
+        LanguageCase{{"", "", "", "C"}, "en"}, LanguageCase{{"", "", "", "C.UTF-8"}, "en"},
+        LanguageCase{{"", "POSIX", "", "de_DE.UTF-8"}, "en"},  // LC_ALL overrides LANG
+        LanguageCase{{"", "", "fr_CA.ISO-8859-1", "de_DE.UTF-8"}, "fr-CA"},
+        LanguageCase{{"pt_BR:pt:en", "de_DE.UTF-8", "", ""}, "pt-BR"},  // LANGUAGE first
+        LanguageCase{{":?:nl", "", "", "de_DE"}, "nl"},  // first usable entry of LANGUAGE
+        LanguageCase{{"::", "", "", "de_DE"}, "de-DE"},
+        LanguageCase{{"", "", "", "de_DE@euro"}, "de-DE"},
+        LanguageCase{{"", "", "", "sr_RS.UTF-8@latin"}, "sr-Latn-RS"},
+        LanguageCase{{"", "", "", "ast_ES"}, "ast-ES"},
+        LanguageCase{{"", "", "", "es_419"}, "es-419"},
+        LanguageCase{{"", "", "", "EN_us"}, "en-US"},
+        LanguageCase{{"", "", "", "/usr/share/locale"}, "en"},
+        LanguageCase{{"", "", "", "en_USA"}, "en"}, LanguageCase{{"", "", "", "e"}, "en"}));
+
+// --- Operating system ----------------------------------------------------------------
+
+TEST(OsReleaseTest, QuotedEscapedAndBareValues) {
+  const auto values = parseOsRelease(
+      "# comment\n"
+      "NAME=\"Debian GNU/Linux\"\n"
+      "VERSION_ID='12'\n"
+      "  ID=debian  \r\n"
+      "PRETTY_NAME=\"Say \\\"hi\\\" \\\\ now\"\n"
+      "broken line\n"
+      "=novalue\n"
+      "BAD KEY=x\n"
+      "EMPTY=\n"
+      "UNTERMINATED=\"open");
+  EXPECT_EQ(values.at("NAME"), "Debian GNU/Linux");
+  EXPECT_EQ(values.at("VERSION_ID"), "12");
+  EXPECT_EQ(values.at("ID"), "debian");
+  EXPECT_EQ(values.at("PRETTY_NAME"), "Say \"hi\" \\ now");
+  EXPECT_EQ(values.at("EMPTY"), "");
+  EXPECT_EQ(values.at("UNTERMINATED"), "open");
+  EXPECT_EQ(values.size(), 6u);
+}
+
+TEST(OsReleaseTest, OperatingSystemFallsBackToUnameThenFixedNames) {
+  const auto full =
+      describeOperatingSystem({{"NAME", "Fedora Linux"}, {"VERSION_ID", "40"}}, "Linux", "6.8.0");
+  EXPECT_EQ(full.name, "Fedora Linux");
+  EXPECT_EQ(full.version, "40");
+
+  // A rolling distribution has no VERSION_ID: the kernel release stands in.
+  const auto rolling = describeOperatingSystem({{"NAME", "Arch Linux"}}, "Linux", "6.8.0-arch1");
+  EXPECT_EQ(rolling.name, "Arch Linux");
+  EXPECT_EQ(rolling.version, "6.8.0-arch1");
+
+  const auto blank = describeOperatingSystem({{"NAME", "  "}}, "", "");
+  EXPECT_EQ(blank.name, "Linux");
+  EXPECT_EQ(blank.version, "unknown");
+}
+
+// --- Hardware --------------------------------------------------------------------------
+
+TEST(HardwareNameTest, RealFamilyNameWinsOverPlaceholdersAndFallbacks) {
+  EXPECT_EQ(hardwareName(std::string("ThinkPad X1 Carbon 7th\n"), std::nullopt),
+            "ThinkPad X1 Carbon 7th");
+  EXPECT_EQ(hardwareName(std::string("To Be Filled By O.E.M."),
+                         std::string("Raspberry Pi 4 Model B Rev 1.4\0", 31)),
+            "Raspberry Pi 4 Model B Rev 1.4");
+  EXPECT_EQ(hardwareName(std::string("Default string"), std::string("")), "Linux PC");
+  EXPECT_EQ(hardwareName(std::nullopt, std::nullopt), "Linux PC");
+  EXPECT_EQ(hardwareName(std::string("\x01\x02 \t"), std::nullopt), "Linux PC");
+}
+
+TEST(HardwareNameTest, LongNamesAreCutOnACharacterBoundary) {
+  // 40 two-byte characters: 80 bytes, cut to at most 64 without a split character.
+  std::string name;
+  for (int i = 0; i < 40; ++i)
+    name += "\xc3\xa9";
+  const std::string cut = hardwareName(name, std::nullopt);
+  EXPECT_LE(cut.size(), 64u);
+  EXPECT_EQ(cut.size() % 2, 0u);
+  EXPECT_EQ(cut, name.substr(0, cut.size()));
+}
+
+}  // namespace
+}  // namespace tellora

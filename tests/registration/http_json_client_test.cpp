@@ -1,0 +1,179 @@
+// The HTTP client under the registration: URL handling, time limits, and the
+// odd answers a server can give, sent byte for byte.
+#include <nlohmann/json.hpp>
+
+#include "registration/http_json_client.h"
+#include "registration/http_url.h"
+#include "runtime/event_loop.h"
+#include "tests/registration/registration_fixture.h"
+
+namespace tellora::registration_test {
+namespace {
+
+// --- URLs ------------------------------------------------------------------------
+
+HttpEndpoint endpointOf(const std::string& url) {
+  auto parsed = parseHttpUrl(url);
+  if (const auto* endpoint = std::get_if<HttpEndpoint>(&parsed)) return *endpoint;
+  ADD_FAILURE() << url << " was refused";
+  return {};
+}
+
+TEST(HttpUrlTest, DefaultPortsAndHostField) {
+  const auto plain = endpointOf("http://example.com/register");
+  EXPECT_FALSE(plain.secure);
+  EXPECT_EQ(plain.port, "80");
+  EXPECT_EQ(plain.hostHeader, "example.com");
+  const auto secure = endpointOf("https://example.com");
+  EXPECT_TRUE(secure.secure);
+  EXPECT_EQ(secure.port, "443");
+  EXPECT_EQ(secure.target, "/");
+}
+
+TEST(HttpUrlTest, ExplicitPortIpv6AndQuery) {
+  const auto endpoint = endpointOf("HTTP://user:pw@[::1]:10000/register?a=1&b=%20#top");
+  EXPECT_EQ(endpoint.host, "::1");
+  EXPECT_EQ(endpoint.port, "10000");
+  EXPECT_EQ(endpoint.hostHeader, "[::1]:10000");
+  EXPECT_EQ(endpoint.target, "/register?a=1&b=%20");
+  EXPECT_EQ(endpointOf("http://h?x=1").target, "/?x=1");
+}
+
+// --- Exchanges against the loopback server ---------------------------------------
+
+class HttpJsonClientTest : public RegistrationTest {
+ protected:
+  HttpJsonResult post(const std::string& url, HttpTimeouts timeouts = {}) {
+    auto recorder = std::make_shared<CallRecorder<HttpJsonResult>>();
+    postJson(
+        EventLoop::main().context(), url, nlohmann::json{{"k", 1}},
+        [recorder](HttpJsonResult result) {
+          recorder->record(std::move(result), EventLoop::main().isCurrent());
+        },
+        timeouts);
+    if (!recorder->waitForCalls(1)) {
+      ADD_FAILURE() << "no completion";
+      return TLRError{};
+    }
+    settle();
+    EXPECT_EQ(recorder->calls().size(), 1u);
+    EXPECT_TRUE(recorder->allOnLoop());
+    return recorder->calls().front();
+  }
+
+  HttpJsonResult postAnswering(HttpReply reply, HttpTimeouts timeouts = {}) {
+    server_->setReply(std::move(reply));
+    return post(server_->url("/r"), timeouts);
+  }
+
+  static void expectError(const HttpJsonResult& result, TLRHTTPErrorCode code,
+                          std::optional<int64_t> status = std::nullopt) {
+    const auto* error = std::get_if<TLRError>(&result);
+    ASSERT_NE(error, nullptr) << "succeeded";
+    EXPECT_EQ(error->code, static_cast<int64_t>(code)) << error->description();
+    EXPECT_EQ(httpStatusOfFailure(*error), status) << error->description();
+  }
+
+  static nlohmann::json bodyOf(const HttpJsonResult& result) {
+    const auto* response = std::get_if<HttpJsonResponse>(&result);
+    if (!response) {
+      ADD_FAILURE() << std::get<TLRError>(result).description();
+      return nullptr;
+    }
+    return response->body;
+  }
+};
+
+TEST_F(HttpJsonClientTest, SilentServerRunsIntoTheRequestLimit) {
+  HttpTimeouts timeouts;
+  timeouts.request = 200ms;
+  expectError(postAnswering(HttpReply::hangUpAfter(3s), timeouts), TLRHTTPErrorCode::TimedOut);
+}
+
+TEST_F(HttpJsonClientTest, CompletionNeverRunsInsideTheCall) {
+  // Even a URL refused at once is reported from the loop, later.
+  for (const std::string& url : {std::string("::"), server_->url("/r")}) {
+    SCOPED_TRACE(url);
+    auto recorder = std::make_shared<CallRecorder<bool>>();
+    EventLoop::main().call([&] {
+      auto returned = std::make_shared<bool>(false);
+      postJson(EventLoop::main().context(), url, nullptr,
+               [recorder, returned](HttpJsonResult) { recorder->record(*returned, true); });
+      *returned = true;
+    });
+    ASSERT_TRUE(recorder->waitForCalls(1));
+    EXPECT_TRUE(recorder->calls().front());
+  }
+}
+
+TEST_F(HttpJsonClientTest, ResponsesThatAreNotQuiteOrdinaryStillWork) {
+  struct Case {
+    const char* name;
+    std::string raw;
+    nlohmann::json body;
+  };
+  const std::vector<Case> cases = {
+      {"chunked",
+       "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\n{\"a\"\r\n3\r\n:1}\r\n0\r\n\r\n",
+       {{"a", 1}}},
+      {"ended by close", "HTTP/1.1 200 OK\r\n\r\n{\"a\":2}", {{"a", 2}}},
+      {"after interim responses",
+       "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Early Hints\r\nLink: </x>\r\n\r\n"
+       "HTTP/1.1 200 OK\r\nContent-Length: 7\r\n\r\n{\"a\":3}",
+       {{"a", 3}}},
+      {"HTTP/1.0", "HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\n[]", nlohmann::json::array()},
+      {"no content", "HTTP/1.1 204 No Content\r\n\r\n", nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(bodyOf(postAnswering(HttpReply::rawBytes(c.raw))), c.body);
+  }
+}
+
+TEST_F(HttpJsonClientTest, MalformedResponsesFailCleanly) {
+  struct Case {
+    const char* name;
+    std::string raw;
+    TLRHTTPErrorCode code;
+    std::optional<int64_t> status;
+  };
+  const std::vector<Case> cases = {
+      {"not HTTP", "SSH-2.0-OpenSSH_9.2\r\n\r\n", TLRHTTPErrorCode::BadServerResponse, {}},
+      {"nothing at all", "", TLRHTTPErrorCode::NetworkConnectionLost, {}},
+      {"cut in the header",
+       "HTTP/1.1 200 OK\r\nContent-Le",
+       TLRHTTPErrorCode::NetworkConnectionLost,
+       {}},
+      {"cut in the body", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"a\":",
+       TLRHTTPErrorCode::NetworkConnectionLost, 200},
+      {"bad chunk", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n",
+       TLRHTTPErrorCode::BadServerResponse, 200},
+      {"switching protocols",
+       "HTTP/1.1 101 Switching Protocols\r\n\r\n",
+       TLRHTTPErrorCode::BadServerResponse,
+       {}},
+      {"huge header",
+       "HTTP/1.1 200 OK\r\nX-Fill: " + std::string(64 * 1024, 'x') + "\r\n\r\n",
+       TLRHTTPErrorCode::ResponseTooLarge,
+       {}},
+      {"huge declared length", "HTTP/1.1 200 OK\r\nContent-Length: 99999999999\r\n\r\n",
+       TLRHTTPErrorCode::ResponseTooLarge, 200},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    expectError(postAnswering(HttpReply::rawBytes(c.raw)), c.code, c.status);
+  }
+}
+
+TEST_F(HttpJsonClientTest, StatusOfAFailureWinsOverItsBody) {
+  for (const std::string header : {"HTTP/1.1 801 Whatever\r\nContent-Length: 0\r\n\r\n",
+                                   "HTTP/1.1 801 Whatever\r\nContent-Length: 99999999999\r\n\r\n",
+                                   "HTTP/1.1 801 Whatever\r\nContent-Length: 10\r\n\r\nab"}) {
+    SCOPED_TRACE(header);
+    expectError(postAnswering(HttpReply::rawBytes(header)), static_cast<TLRHTTPErrorCode>(801),
+                801);
+  }
+}
+
+}  // namespace
+}  // namespace tellora::registration_test

@@ -1,0 +1,213 @@
+// Refusals, failed attempts and their retries, and how connections end.
+#include <limits>
+#include <thread>
+
+#include "tests/transport/transport_fixture.h"
+
+namespace tellora::transport_test {
+namespace {
+
+using ::testing::ElementsAre;
+
+class TransportFailureTest : public TransportTest {
+ protected:
+  void openAndWait() {
+    open();
+    ASSERT_TRUE(delegate_->waitFor("opened"));
+    ASSERT_TRUE(server_->waitForOpenConnections(1));
+  }
+};
+
+class TransportRefusalTest : public TransportFailureTest,
+                             public ::testing::WithParamInterface<unsigned> {};
+
+TEST_P(TransportRefusalTest, IsReportedOnEveryAttemptWhileTheRetryGoesOn) {
+  const unsigned status = GetParam();
+  server_->refuseUpgrades(status, 2);
+  makeTransport(server_->url());
+  open();
+  ASSERT_TRUE(delegate_->waitFor("opened"));
+  const std::string refused = "closed:" + std::to_string(status);
+  EXPECT_THAT(delegate_->events(), ElementsAre(refused, refused, "opened"));
+  const auto errors = delegate_->closeErrors();
+  for (int i = 0; i < 2; ++i) {
+    const auto& error = errors.at(i);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->domain, TLRErrorDomain);
+    EXPECT_TRUE(error->userInfo.empty());
+  }
+  EXPECT_EQ(logCount("didFailWithError: " + std::to_string(status)), 2u);
+  const auto upgrades = server_->log().upgrades;
+  ASSERT_EQ(upgrades.size(), 3u);
+  EXPECT_EQ(upgrades[0].refusedWithStatus, status);
+  EXPECT_EQ(upgrades[2].refusedWithStatus, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(ServerRefusals, TransportRefusalTest, ::testing::Values(801u, 802u));
+
+TEST_F(TransportFailureTest, OtherRefusalsAreSilentAndRetried) {
+  server_->refuseUpgrades(403, 2);
+  makeTransport(server_->url());
+  open();
+  ASSERT_TRUE(delegate_->waitFor("opened"));
+  EXPECT_THAT(delegate_->events(), ElementsAre("opened"));
+  EXPECT_EQ(logCount("didFailWithError: 403"), 2u);
+}
+
+TEST_F(TransportFailureTest, ServerThatComesBackIsReachedByTheRetry) {
+  server_->stop();
+  makeTransport(server_->url());
+  open();
+  ASSERT_TRUE(waitForLog("didFailWithError: (null)", 3));
+  EXPECT_TRUE(delegate_->events().empty());
+  EXPECT_GE(onLoop([this] { return transport_->connectionAttempCounter(); }), 3u);
+
+  server_->start();
+  ASSERT_TRUE(delegate_->waitFor("opened"));
+  EXPECT_THAT(delegate_->events(), ElementsAre("opened"));
+  EXPECT_EQ(onLoop([this] { return transport_->connectionAttempCounter(); }), 0u);
+}
+
+TEST_F(TransportFailureTest, RetryScheduledBeforeACloseStillOpensAConnection) {
+  server_->refuseUpgrades(403, 1);
+  makeTransport(server_->url());
+  open();
+  ASSERT_TRUE(waitForLog("didFailWithError: 403"));
+  close();
+  ASSERT_TRUE(delegate_->waitFor("opened"));
+  EXPECT_TRUE(isOpen());
+  EXPECT_EQ(onLoop([this] { return transport_->needSetConnectionState(); }), 0);
+}
+
+TEST_F(TransportFailureTest, FailureWhileNotWantedIsSilentAndNotRetried) {
+  server_->refuseAllUpgrades(403);
+  makeTransport(server_->url());
+  open();
+  ASSERT_TRUE(waitForLog("didFailWithError: 403"));
+  close();
+  // The retry already scheduled runs once, fails unwanted, and ends there.
+  ASSERT_TRUE(waitForLog("didFailWithError: 403", 2));
+  settle();
+  EXPECT_EQ(server_->log().upgrades.size(), 2u);
+  EXPECT_EQ(logCount("didFailWithError: 403"), 2u);
+  EXPECT_TRUE(delegate_->events().empty());
+  EXPECT_EQ(onLoop([this] { return transport_->connectionAttempCounter(); }), 0u);
+}
+
+TEST_F(TransportFailureTest, RefusalWhileNotWantedIsStillReported) {
+  server_->refuseAllUpgrades(801);
+  makeTransport(server_->url());
+  onLoop([this] { transport_->performOpening(); });  // an attempt nobody asked to keep
+  ASSERT_TRUE(delegate_->waitFor("closed:801"));
+  settle();
+  EXPECT_EQ(server_->log().upgrades.size(), 1u);
+  EXPECT_THAT(delegate_->events(), ElementsAre("closed:801"));
+}
+
+TEST_F(TransportFailureTest, AttemptLimitReportsTheClientsOwnErrorAndStops) {
+  server_->refuseAllUpgrades(403);
+  makeTransport(server_->url());
+  onLoop([this] {
+    transport_->setConnectionAttempCounterForTesting(std::numeric_limits<int32_t>::max() - 1);
+    transport_->open();
+  });
+  ASSERT_TRUE(delegate_->waitForEvents(1));
+  const auto error = delegate_->closeErrors().at(0);
+  ASSERT_TRUE(error.has_value());
+  EXPECT_NE(error->domain, TLRErrorDomain);
+  EXPECT_EQ(std::get<int64_t>(error->userInfo.at("HTTPResponseStatusCode")), 403);
+  settle();
+  EXPECT_EQ(server_->log().upgrades.size(), 1u);
+  EXPECT_EQ(onLoop([this] { return transport_->connectionAttempCounter(); }), 0u);
+}
+
+TEST_F(TransportFailureTest, UnusableUrlFailsCleanlyAndIsRetried) {
+  for (const char* url : {"not a url", "ws://", "ftp://127.0.0.1/ws", "ws://127.0.0.1:99999/ws"}) {
+    SCOPED_TRACE(url);
+    makeTransport(url);
+    const std::size_t before = logCount("didFailWithError: (null)");
+    open();
+    ASSERT_TRUE(waitForLog("didFailWithError: (null)", before + 2));
+    close();
+    destroyTransport();
+  }
+  EXPECT_TRUE(delegate_->events().empty());
+}
+
+TEST_F(TransportFailureTest, PendingRetryDoesNothingOnceTheTransportIsGone) {
+  server_->refuseAllUpgrades(403);
+  makeTransport(server_->url());
+  open();
+  ASSERT_TRUE(waitForLog("didFailWithError: 403"));
+  destroyTransport();
+  settle();
+  EXPECT_EQ(server_->log().upgrades.size(), 1u);
+}
+
+class TransportServerCloseTest : public TransportFailureTest,
+                                 public ::testing::WithParamInterface<uint16_t> {};
+
+TEST_P(TransportServerCloseTest, CloseCodeDecidesTheError) {
+  const uint16_t code = GetParam();
+  makeTransport(server_->url());
+  openAndWait();
+  EXPECT_EQ(server_->closeConnections(code, "bye"), 1u);
+  ASSERT_TRUE(delegate_->waitForEvents(2));
+  const auto error = delegate_->closeErrors().at(0);
+  if (code == 3001 || code == 3002) {
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(*error, TLRError::make(code));
+  } else {
+    EXPECT_FALSE(error.has_value());
+  }
+  EXPECT_FALSE(isOpen());
+  // A closed connection is not reopened by the transport itself.
+  settle();
+  EXPECT_EQ(server_->log().acceptedConnections, 1u);
+  EXPECT_EQ(delegate_->events().size(), 2u);
+}
+
+INSTANTIATE_TEST_SUITE_P(CloseCodes, TransportServerCloseTest,
+                         ::testing::Values<uint16_t>(3001, 3002, 1000, 1001, 3003, 4000));
+
+TEST_F(TransportFailureTest, AbruptDropIsACloseWithoutError) {
+  makeTransport(server_->url());
+  openAndWait();
+  EXPECT_EQ(server_->dropConnections(), 1u);
+  ASSERT_TRUE(delegate_->waitFor("closed"));
+  EXPECT_FALSE(isOpen());
+  settle();
+  EXPECT_THAT(delegate_->events(), ElementsAre("opened", "closed"));
+}
+
+TEST_F(TransportFailureTest, ServerGoingAwayIsACloseWithoutError) {
+  makeTransport(server_->url());
+  openAndWait();
+  server_->stop();
+  ASSERT_TRUE(delegate_->waitFor("closed"));
+  EXPECT_THAT(delegate_->events(), ElementsAre("opened", "closed"));
+}
+
+TEST_F(TransportFailureTest, InboundMessageOverOneMebibyteClosesTheConnection) {
+  makeTransport(server_->url());
+  openAndWait();
+  const std::string largest(1u << 20, 'a');
+  server_->pushText(largest);
+  ASSERT_TRUE(delegate_->waitFor("message:" + largest));
+
+  server_->pushText(std::string((1u << 20) + 1, 'b'));
+  ASSERT_TRUE(delegate_->waitFor("closed"));
+  EXPECT_FALSE(isOpen());
+  EXPECT_EQ(delegate_->events().size(), 3u);
+}
+
+TEST_F(TransportFailureTest, InvalidUtf8TextFrameClosesTheConnection) {
+  makeTransport(server_->url());
+  openAndWait();
+  server_->pushText("\xC3\x28 broken");
+  ASSERT_TRUE(delegate_->waitFor("closed"));
+  EXPECT_THAT(delegate_->events(), ElementsAre("opened", "closed"));
+}
+
+}  // namespace
+}  // namespace tellora::transport_test

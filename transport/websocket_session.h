@@ -1,0 +1,83 @@
+// One WebSocket client connection (Boost.Beast): resolve, connect, TLS for
+// wss://, the upgrade request, then frames until it closes. A session makes at
+// most one connection; reconnecting takes a new session.
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tellora/error.h"
+#include "transport/transport.h"
+
+namespace tellora {
+
+class WebSocketSession;
+
+// Receives a session's events, always on the session's io_context thread.
+class WebSocketSessionDelegate {
+ public:
+  virtual ~WebSocketSessionDelegate() = default;
+  virtual void webSocketDidOpen(WebSocketSession& session) = 0;
+  virtual void webSocketDidReceiveMessage(WebSocketSession& session,
+                                          const std::string& message) = 0;
+  // The open connection ended (or a close was asked for before it opened).
+  virtual void webSocketDidClose(WebSocketSession& session, uint16_t code,
+                                 const std::string& reason, bool wasClean) = 0;
+  // The connection could not be opened.
+  virtual void webSocketDidFail(WebSocketSession& session, const TLRError& error) = 0;
+};
+
+// User-info key of a failure's error holding the HTTP status of a refused upgrade.
+inline constexpr const char* kHTTPResponseStatusCodeKey = "HTTPResponseStatusCode";
+
+// Close codes the session reports for endings without a close frame from the server.
+inline constexpr uint16_t kCloseCodeAbnormal = 1006;
+inline constexpr uint16_t kCloseCodeTooBig = 1009;
+
+// What a session connects to: a ws:// or wss:// URL and the extra header
+// fields of the upgrade request, added in order.
+struct WebSocketRequest {
+  std::string url;
+  std::vector<std::pair<std::string, std::string>> headers;
+};
+
+// Where a URL points, or nullopt for a URL the session cannot use.
+struct WebSocketEndpoint {
+  bool secure = false;
+  std::string host;        // name or address, without IPv6 brackets
+  std::string port;        // explicit or the scheme's default
+  std::string hostHeader;  // value of the Host field
+  std::string target;      // path and query, "/" at least
+};
+std::optional<WebSocketEndpoint> parseWebSocketUrl(const std::string& url);
+
+// Created, opened, used and closed on the thread running `context`.
+class WebSocketSession {
+ public:
+  // Inbound messages larger than this end the connection.
+  static constexpr std::size_t kInboundMessageLimit = 1u << 20;
+
+  static std::shared_ptr<WebSocketSession> create(boost::asio::io_context& context,
+                                                  WebSocketRequest request,
+                                                  std::weak_ptr<WebSocketSessionDelegate> delegate);
+  virtual ~WebSocketSession() = default;
+
+  virtual TLRReadyState readyState() const = 0;
+  // Starts the one connection attempt; later calls do nothing.
+  virtual void open() = 0;
+  // Closes with code 1000 after the frames already queued; a connection still
+  // being opened is abandoned. Either way the delegate hears of the close.
+  virtual void close() = 0;
+  // Queues one binary frame; only while open.
+  virtual void send(std::string bytes) = 0;
+  // Ends the session without telling the delegate anything more.
+  virtual void abandon() = 0;
+};
+
+}  // namespace tellora
