@@ -8,12 +8,14 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tests/facade/child_process.h"
 #include "tests/facade/match_server.h"
+#include "tests/support/child_process.h"
 #include "tests/support/http_test_server.h"
 
 namespace tellora::facade_test {
 namespace {
+using testing::runChild;
+using testing::splitLines;
 
 namespace fs = std::filesystem;
 

@@ -12,12 +12,15 @@
 #include <nlohmann/json.hpp>
 
 #include "runtime/user_defaults.h"
-#include "tests/facade/child_process.h"
 #include "tests/facade/match_server.h"
+#include "tests/support/child_process.h"
 #include "tests/support/http_test_server.h"
 
 namespace tellora::facade_test {
 namespace {
+using testing::runChild;
+using testing::splitLines;
+using testing::ChildRun;
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-namespace tellora::facade_test {
+namespace tellora::testing {
 
 struct ChildRun {
   int exitCode = -1;  // -1 when it did not exit normally (killed, crashed)
@@ -25,4 +25,4 @@ ChildRun runChild(const std::string& program, const std::vector<std::string>& ar
 
 std::vector<std::string> splitLines(const std::string& text);
 
-}  // namespace tellora::facade_test
+}  // namespace tellora::testing

@@ -1,4 +1,4 @@
-#include "tests/facade/child_process.h"
+#include "tests/support/child_process.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -14,7 +14,7 @@
 
 extern char** environ;
 
-namespace tellora::facade_test {
+namespace tellora::testing {
 
 namespace {
 
@@ -92,4 +92,4 @@ std::vector<std::string> splitLines(const std::string& text) {
   return lines;
 }
 
-}  // namespace tellora::facade_test
+}  // namespace tellora::testing
