@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "bench/discovery/device_fingerprints.h"
-#include "bench/discovery/scene_audio.h"
+#include "tools/scenes/scene_audio.h"
 #include "server/matcher/matcher.h"
 
 using namespace tellora;

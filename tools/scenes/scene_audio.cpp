@@ -1,4 +1,4 @@
-#include "bench/discovery/scene_audio.h"
+#include "tools/scenes/scene_audio.h"
 
 #include <unistd.h>
 
