@@ -1,5 +1,7 @@
 #include "messaging/inbound_json.h"
 
+#include "runtime/json_depth.h"
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -9,33 +11,6 @@
 namespace tellora {
 
 namespace {
-
-// Bracket depth outside strings; stops counting once past the limit.
-bool nestedTooDeeply(std::string_view text) {
-  int depth = 0;
-  bool inString = false;
-  bool escaped = false;
-  for (char c : text) {
-    if (inString) {
-      if (escaped) {
-        escaped = false;
-      } else if (c == '\\') {
-        escaped = true;
-      } else if (c == '"') {
-        inString = false;
-      }
-      continue;
-    }
-    if (c == '"') {
-      inString = true;
-    } else if (c == '[' || c == '{') {
-      if (++depth > kMaxInboundNesting) return true;
-    } else if (c == ']' || c == '}') {
-      --depth;
-    }
-  }
-  return false;
-}
 
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
@@ -78,7 +53,7 @@ long decimalMagnitude(std::string_view number) {
 nlohmann::json parseInboundObject(std::string_view text) {
   // The parser would take a NUL byte for the end of the text; in JSON it can
   // only be an error.
-  if (text.find('\0') != std::string_view::npos || nestedTooDeeply(text)) {
+  if (text.find('\0') != std::string_view::npos || jsonNestsDeeperThan(text, kMaxInboundNesting)) {
     return nlohmann::json::object();
   }
   nlohmann::json parsed = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);

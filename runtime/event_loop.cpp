@@ -104,9 +104,8 @@ void EventLoop::destroyWhenIdle(std::unique_ptr<EventLoop> loop) {
 }
 
 RepeatingTimer::RepeatingTimer(EventLoop& loop, Duration interval, Task tick)
-    : loop_(loop),
-      // A non-positive interval would spin the loop; clamp it like a run-loop timer does.
-      interval_(interval > Duration::zero() ? interval : Duration(std::chrono::microseconds(100))),
+    // A non-positive interval would spin the loop; clamp it like a run-loop timer does.
+    : interval_(interval > Duration::zero() ? interval : Duration(std::chrono::microseconds(100))),
       tick_(std::move(tick)),
       timer_(loop.context()) {}
 

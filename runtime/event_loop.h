@@ -89,7 +89,6 @@ class RepeatingTimer {
  private:
   void arm();
 
-  EventLoop& loop_;
   Duration interval_;
   Task tick_;
   boost::asio::steady_timer timer_;

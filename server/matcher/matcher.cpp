@@ -2,46 +2,100 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <utility>
 
 namespace tellora::server {
 
+namespace {
+
+// Overlap at which evidence is quoted: 1 s of words.
+constexpr double kReferenceOverlap = 125;
+
+}  // namespace
+
+PairAssessment assessPair(const WordTimeline& a, const WordTimeline& b, const MatcherConfig& config,
+                          const WordScores& scores, std::optional<int32_t> trackedShift) {
+  PairAssessment out;
+  if (a.empty() || b.empty()) return out;
+  const int32_t window = trackedShift ? config.nearbyWindowSlots : config.windowSlots;
+  const int32_t minOverlap = std::min(config.minOverlap, window * 6 / 10);
+  const int32_t from = trackedShift ? *trackedShift - config.trackShift : -config.maxShift;
+  const int32_t to = trackedShift ? *trackedShift + config.trackShift : config.maxShift;
+  const int64_t end = std::min(a.newestSlot(), b.newestSlot());
+  out.agreement = compareTimelines(a, b, end, window, from, to, minOverlap, scores);
+  if (out.agreement.overlap < minOverlap) return out;
+  out.chance = chanceAgreement(a, b, end, window, minOverlap / 2, scores);
+  if (out.chance.overlap == 0) return out;
+  out.decisive = true;
+  out.informative =
+      isInformative(a, end, window) && isInformative(b, end + out.agreement.shift, window);
+  out.evidence = (out.agreement.score - out.chance.score) *
+                 std::pow(out.agreement.overlap / kReferenceOverlap, config.evidenceExponent);
+  return out;
+}
+
 Matcher::Matcher(MatcherConfig config)
-    : config_(config), index_(config.keyMask, config.historySlots) {}
+    : config_(config),
+      scores_(config.clearBitError, config.clearShare, config.scoredBits),
+      index_(config.keyMask, config.indexHorizonSlots) {}
 
 void Matcher::setSearching(ClientKey client, bool searching, double) {
   auto it = clients_.try_emplace(client, config_.historySlots).first;
+  // A return to searching starts from a clean slate: earlier words are stale.
+  if (searching && !it->second.searching) it->second.words = WordTimeline(config_.historySlots);
   it->second.searching = searching;
 }
 
-void Matcher::removeClient(ClientKey client, double nowMs) {
-  auto it = clients_.find(client);
-  if (it == clients_.end()) return;
-  it->second.searching = false;
-  advance(nowMs);  // reports the pairs it ends before the client is gone
-  clients_.erase(it);
+void Matcher::removeClient(ClientKey client, double) {
+  if (clients_.erase(client) == 0) return;
+  for (auto it = pairs_.begin(); it != pairs_.end();) {
+    if (it->first.first != client && it->first.second != client) {
+      ++it;
+      continue;
+    }
+    if (it->second.nearby) report(MatchEvent::Kind::lost, it->first, it->second);
+    it = pairs_.erase(it);
+  }
 }
 
 void Matcher::addFingerprint(ClientKey client, std::span<const uint32_t> words, double stimeMs,
                              double nowMs) {
   auto it = clients_.find(client);
   if (it == clients_.end() || !it->second.searching || words.empty()) return;
-  if (!std::isfinite(stimeMs)) return;
+  // A start far from now is a broken clock or a replay; its words would
+  // displace the client's real ones.
+  if (!std::isfinite(stimeMs) || stimeMs < nowMs - config_.maxFingerprintAgeMs ||
+      stimeMs > nowMs + config_.maxFingerprintLeadMs)
+    return;
   Client& c = it->second;
   c.lastFingerprintMs = nowMs;
+  ++c.parts;
   const int64_t first = std::llround(stimeMs / kSlotMs);
   for (size_t i = 0; i < words.size(); ++i) {
     const int64_t slot = first + static_cast<int64_t>(i);
     const auto held = c.words.at(slot);
     c.words.put(slot, words[i]);
     if (held && *held == words[i]) continue;  // already indexed (overlapping parts)
-    index_.insert(client, slot, words[i], config_.maxShift, [&](ClientKey other) {
+    index_.insert(client, slot, words[i], config_.maxShift, [&](ClientKey other, int32_t shift) {
       ++stats_.indexHits;
-      Pair& pair = pairs_[key(client, other)];
-      pair.previousHitMs = pair.lastHitMs;
-      pair.lastHitMs = nowMs;
+      const PairKey k = key(client, other);
+      // Shifts are b's slot minus a's.
+      recordHit(pairs_[k], client == k.first ? shift : -shift, nowMs);
     });
   }
+}
+
+void Matcher::recordHit(Pair& p, int32_t shift, double nowMs) {
+  p.lastHitMs = nowMs;
+  // Words of one sound meet at one shift again and again; chance meetings of
+  // common keys scatter over the shifts.
+  int agreeing = 1;
+  for (const Hit& h : p.hits)
+    if (nowMs - h.atMs <= config_.candidateWithinMs && std::abs(h.shift - shift) <= 1) ++agreeing;
+  p.hits[p.nextHit] = {nowMs, shift};
+  p.nextHit = (p.nextHit + 1) % p.hits.size();
+  if (agreeing >= config_.candidateHits) p.candidateUntilMs = nowMs + config_.candidateHoldMs;
 }
 
 std::vector<MatchEvent> Matcher::advance(double nowMs) {
@@ -56,70 +110,69 @@ std::vector<MatchEvent> Matcher::advance(double nowMs) {
 
 bool Matcher::update(const PairKey& k, Pair& p, double nowMs) {
   auto a = clients_.find(k.first), b = clients_.find(k.second);
-  const bool bothSearching = a != clients_.end() && b != clients_.end() && a->second.searching &&
-                             b->second.searching;
-  const bool bothSending =
-      bothSearching && nowMs - a->second.lastFingerprintMs < config_.silentAfterMs &&
-      nowMs - b->second.lastFingerprintMs < config_.silentAfterMs;
+  const bool bothSearching =
+      a != clients_.end() && b != clients_.end() && a->second.searching && b->second.searching;
+  const bool bothSending = bothSearching &&
+                           nowMs - a->second.lastFingerprintMs < config_.silentAfterMs &&
+                           nowMs - b->second.lastFingerprintMs < config_.silentAfterMs;
   if (!bothSending) {
-    if (p.nearby)
-      events_.push_back({MatchEvent::Kind::lost, k.first, k.second, p.lastBer, p.lastChance,
-                         p.lastShift});
+    if (p.nearby) report(MatchEvent::Kind::lost, k, p);
     return false;
   }
-  // One chance collision of index keys is not enough to start comparing.
-  const bool candidate = nowMs - p.previousHitMs <= config_.candidateMemoryMs;
-  if (!p.nearby && !candidate && nowMs - p.lastHitMs > config_.candidateMemoryMs) return false;
-  if ((p.nearby || candidate) && nowMs - p.lastEvaluationMs >= config_.evaluateEveryMs)
+  const bool candidate = nowMs <= p.candidateUntilMs;
+  if (!p.nearby && !candidate) return nowMs - p.lastHitMs <= config_.candidateWithinMs;
+  const bool newWords = a->second.parts != p.comparedPartsA || b->second.parts != p.comparedPartsB;
+  const bool due = !p.nearby || nowMs - p.lastEvaluationMs >= config_.nearbyEvaluateEveryMs;
+  if (newWords && due) {
+    p.comparedPartsA = a->second.parts;
+    p.comparedPartsB = b->second.parts;
     evaluate(k, p, a->second, b->second, nowMs);
+  }
   const bool mismatching =
       p.mismatchSinceMs != kNever && nowMs - p.mismatchSinceMs >= config_.lostAfterMs;
   if (p.nearby && (mismatching || nowMs - p.lastMatchMs >= config_.quietLostAfterMs)) {
     p.nearby = false;
-    p.consecutiveMatches = 0;
     p.mismatchSinceMs = kNever;
-    events_.push_back({MatchEvent::Kind::lost, k.first, k.second, p.lastBer, p.lastChance,
-                       p.lastShift});
+    p.candidateUntilMs = kNever;  // found again only on fresh index hits
+    report(MatchEvent::Kind::lost, k, p);
   }
   return true;
 }
 
-void Matcher::evaluate(const PairKey& k, Pair& p, const Client& a, const Client& b,
-                       double nowMs) {
+void Matcher::evaluate(const PairKey& k, Pair& p, const Client& a, const Client& b, double nowMs) {
   p.lastEvaluationMs = nowMs;
   ++stats_.evaluations;
-  // Finding takes the longer window (evidence); keeping watches the recent
-  // words only, so that a change of scene shows soon.
-  const int32_t window = p.nearby ? config_.nearbyWindowSlots : config_.windowSlots;
-  const int32_t minOverlap = std::min(config_.minOverlap, window * 8 / 10);
-  const int64_t end = std::min(a.words.newestSlot(), b.words.newestSlot());
-  const Agreement agreement =
-      compareTimelines(a.words, b.words, end, window, config_.maxShift, minOverlap);
-  if (agreement.overlap < minOverlap) return;  // not enough to decide either way
-  const bool informative = isInformative(a.words, end, window) &&
-                           isInformative(b.words, end + agreement.shift, window);
-  const double chance = chanceBitErrorRate(a.words, b.words, end, window, minOverlap / 2);
-  p.lastBer = agreement.bitErrorRate;
-  p.lastChance = chance;
-  p.lastShift = agreement.shift;
-  const bool match = informative && agreement.bitErrorRate <= config_.matchBer &&
-                     chance - agreement.bitErrorRate >= config_.minContrast;
-  if (!informative) return;  // silence or a steady tone: no evidence either way
+  const PairAssessment assessment =
+      assessPair(a.words, b.words, config_, scores_,
+                 p.nearby ? std::optional<int32_t>(p.shift) : std::nullopt);
+  if (!assessment.decisive) return;  // not enough words to decide either way
+  const double threshold = p.nearby ? config_.keepEvidence : config_.findEvidence;
+  const bool match = assessment.informative && assessment.evidence >= threshold;
+  if (observer_) observer_({k.first, k.second, nowMs, assessment, threshold, p.nearby, match});
+  if (!assessment.informative) return;  // silence or a steady tone: no evidence either way
+  p.last.bitErrorRate = assessment.agreement.bitErrorRate;
+  p.last.chanceBitErrorRate = assessment.chance.bitErrorRate;
+  p.last.shift = assessment.agreement.shift;
+  p.last.evidence = assessment.evidence;
   if (!match) {
-    p.consecutiveMatches = 0;
     if (p.mismatchSinceMs == kNever) p.mismatchSinceMs = nowMs;
     return;
   }
-  ++p.consecutiveMatches;
   p.lastMatchMs = nowMs;
   p.mismatchSinceMs = kNever;
-  const bool strong = agreement.bitErrorRate <= config_.strongMatchBer &&
-                      chance - agreement.bitErrorRate >= 2 * config_.minContrast;
-  if (!p.nearby && (p.consecutiveMatches >= config_.matchesToFind || strong)) {
+  p.shift = assessment.agreement.shift;
+  if (!p.nearby) {
     p.nearby = true;
-    events_.push_back({MatchEvent::Kind::found, k.first, k.second, p.lastBer, p.lastChance,
-                       p.lastShift});
+    report(MatchEvent::Kind::found, k, p);
   }
+}
+
+void Matcher::report(MatchEvent::Kind kind, const PairKey& k, const Pair& p) {
+  MatchEvent e = p.last;
+  e.kind = kind;
+  e.a = k.first;
+  e.b = k.second;
+  events_.push_back(e);
 }
 
 bool Matcher::areNearby(ClientKey a, ClientKey b) const {

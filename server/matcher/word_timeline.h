@@ -1,7 +1,9 @@
-// The recent hash words of one client, placed on the server's clock: slot t
-// holds the word whose analysis step starts at t * 8 ms of server time.
+// The recent hash words of one client, placed on the server's clock (slot t
+// holds the word whose analysis step starts at t * 8 ms of server time), and
+// how much two clients' words agree.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -30,23 +32,58 @@ class WordTimeline {
   int64_t newest_ = kNone;
 };
 
-// How well two timelines agree over a window ending at `endSlot`, at the best
-// of the shifts within +-maxShift slots (clock error between the devices).
+// Set bits of a word. The portable build has no popcount instruction, and the
+// library call that std::popcount becomes would dominate a comparison.
+inline int bitCount(uint32_t x) {
+  x = x - ((x >> 1) & 0x55555555u);
+  x = (x & 0x33333333u) + ((x >> 2) & 0x33333333u);
+  x = (x + (x >> 4)) & 0x0F0F0F0Fu;
+  return static_cast<int>((x * 0x01010101u) >> 24);
+}
+
+// The score of one pair of words: the log-likelihood ratio that they are the
+// same moment of the same sound rather than unrelated, from the bits of
+// `scoredBits` that differ. Of the words two devices make from one sound, a
+// share comes out nearly equal (a few bits apart) and the rest is dominated by
+// each device's own noise and as good as unrelated; the mixture gives a word
+// with few differing bits a large score and caps what a far-off word costs,
+// so that quiet moments in a shared sound dilute the evidence instead of
+// cancelling it.
+class WordScores {
+ public:
+  // bitError: share of differing bits in a word both devices heard clearly;
+  // clearShare: share of words heard clearly.
+  WordScores(double bitError, double clearShare, uint32_t scoredBits = 0xFFFFFFFFu);
+  double operator()(uint32_t a, uint32_t b) const { return ofDifference(a ^ b); }
+  double ofDifference(uint32_t difference) const {
+    return table_[static_cast<size_t>(bitCount(difference & scoredBits_))];
+  }
+
+ private:
+  uint32_t scoredBits_;
+  std::array<double, 33> table_{};
+};
+
+// How well two timelines agree over a window of `window` slots ending at
+// `endSlot`, at the best of the shifts in [fromShift, toShift] (the clock error
+// between the devices).
 struct Agreement {
-  double bitErrorRate = 1.0;  // at the best shift
-  int32_t overlap = 0;        // words compared at the best shift
+  double score = 0;           // mean word score at the best shift
+  double bitErrorRate = 0.5;  // at the best shift
+  int32_t overlap = 0;        // words compared at the best shift; 0: none had minOverlap
   int32_t shift = 0;          // b's slot minus a's slot
 };
 Agreement compareTimelines(const WordTimeline& a, const WordTimeline& b, int64_t endSlot,
-                           int32_t window, int32_t maxShift, int32_t minOverlap);
+                           int32_t window, int32_t fromShift, int32_t toShift, int32_t minOverlap,
+                           const WordScores& scores);
 
-// The bit error rate of the same two timelines at shifts far outside any clock
-// error (+-30 to +-60 slots): what unrelated moments of the two sounds share.
-// Words of real sound share structure, so this is well below 0.5; hearing the
-// same sound shows as a best-shift rate clearly under it. 0.5 when nothing
-// overlaps there.
-double chanceBitErrorRate(const WordTimeline& a, const WordTimeline& b, int64_t endSlot,
-                          int32_t window, int32_t minOverlap);
+// The same two timelines at shifts far outside any clock error (+-30 to +-60
+// slots): what unrelated moments of the two sounds share. Words of real sound
+// share structure, so unrelated moments score above plain noise; hearing the
+// same sound shows as a best-shift score clearly above this. overlap 0 when
+// nothing overlaps there.
+Agreement chanceAgreement(const WordTimeline& a, const WordTimeline& b, int64_t endSlot,
+                          int32_t window, int32_t minOverlap, const WordScores& scores);
 
 // True when the words in the window carry information: silence and steady
 // tones hash to long runs of equal (often zero) words that any two quiet

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fingerprint/part_fingerprint.h"
@@ -41,6 +43,36 @@ TEST(Base64, UsesTheStandardAlphabetWithoutLineBreaks) {
   const std::string long_text = base64Encode(many);
   EXPECT_EQ(long_text.size(), 400u);
   EXPECT_EQ(long_text.find_first_not_of('/'), std::string::npos);
+}
+
+std::optional<std::string> decode(std::string_view text) {
+  const auto bytes = base64Decode(text);
+  if (!bytes) return std::nullopt;
+  return std::string(bytes->begin(), bytes->end());
+}
+
+TEST(Base64Decode, InvertsTheEncoder) {
+  for (const char* text : {"", "f", "fo", "foo", "foob", "fooba", "foobar"})
+    EXPECT_EQ(decode(encode(text)), text);
+  std::vector<uint8_t> every(256);
+  for (int v = 0; v < 256; ++v)
+    every[v] = static_cast<uint8_t>(v);
+  EXPECT_EQ(base64Decode(base64Encode(every)), every);
+}
+
+TEST(Base64Decode, RefusesWhatTheEncoderNeverWrites) {
+  EXPECT_FALSE(base64Decode("Zg="));         // length not a multiple of 4
+  EXPECT_FALSE(base64Decode("Zm9v\nYmFy"));  // line break
+  EXPECT_FALSE(base64Decode("Zm9-"));        // URL-safe alphabet
+  EXPECT_FALSE(base64Decode("Zm 9"));
+  EXPECT_FALSE(base64Decode("Zg==Zm9v"));  // padding before the end
+  EXPECT_FALSE(base64Decode("Zm=v"));      // padding inside a group
+  EXPECT_FALSE(base64Decode("Z==="));
+  EXPECT_FALSE(base64Decode("===="));
+  EXPECT_FALSE(base64Decode("Zh=="));  // non-zero bits under the padding
+  EXPECT_FALSE(base64Decode("Zm9="));
+  EXPECT_FALSE(base64Decode(std::string_view("Zm\0v", 4)));
+  EXPECT_FALSE(base64Decode("Zm\xC3\xA9"));  // bytes beyond ASCII
 }
 
 TEST(FingerprintWords, EachWordIsWrittenLeastSignificantByteFirst) {

@@ -1,7 +1,10 @@
 // The matcher's decisions on synthetic hash words: a shared "sound" is a common
-// word stream that each device sees with its own bit errors and clock offset.
+// word stream; each device hears a share of its words clearly (a few bits
+// flipped) and the rest under its own noise, through its own clock offset.
 #include <gtest/gtest.h>
 
+#include <limits>
+#include <optional>
 #include <random>
 #include <vector>
 
@@ -11,58 +14,70 @@ namespace {
 
 using tellora::server::Matcher;
 using tellora::server::MatchEvent;
+using tellora::server::WordScores;
+using tellora::server::WordTimeline;
 
 constexpr int kWordsPerPart = 29;
-constexpr double kPartMs = 232;
+constexpr double kPartMs = 232;  // 29 words of 8 ms
 
 // A sound: one word per 8 ms slot.
 std::vector<uint32_t> sound(uint32_t seed, size_t slots) {
   std::mt19937 rng(seed);
   std::vector<uint32_t> words(slots);
-  for (auto& w : words) w = rng();
+  for (auto& w : words)
+    w = rng();
   return words;
 }
 
 struct Device {
   uint64_t id;
   const std::vector<uint32_t>* heard;
-  double clockErrorMs;
-  double bitError;
+  double clockErrorMs = 0;
+  double clearShare = 0.7;  // words heard clearly...
+  double bitError = 0.03;   // ...with this share of their bits flipped; the rest is noise
   std::mt19937 rng{123};
 };
 
-// Feeds every device's part that ends by `untilMs`; returns all events.
+// Devices sending a part every 232 ms, the server advancing every 50 ms.
 class Room {
  public:
   explicit Room(Matcher& m) : matcher_(m) {}
-  void add(Device d) {
+  Device& add(Device d) {
     matcher_.setSearching(d.id, true, nowMs_);
+    d.rng.seed(static_cast<uint32_t>(d.id * 7919));
     devices_.push_back(std::move(d));
+    return devices_.back();
   }
   std::vector<MatchEvent> run(double untilMs) {
     std::vector<MatchEvent> events;
     for (; nowMs_ <= untilMs; nowMs_ += 50) {
       if (nowMs_ >= nextPartMs_ + kPartMs) {
-        for (auto& d : devices_) feed(d, nextPartMs_);
+        for (auto& d : devices_)
+          if (d.heard) feed(d, nextPartMs_);
         nextPartMs_ += kPartMs;
       }
-      for (auto& e : matcher_.advance(nowMs_)) events.push_back(e);
+      for (auto& e : matcher_.advance(nowMs_))
+        events.push_back(e);
     }
     return events;
   }
   double now() const { return nowMs_; }
-  std::vector<Device>& devices() { return devices_; }
+  Device& device(size_t i) { return devices_[i]; }
 
  private:
   void feed(Device& d, double startMs) {
-    std::bernoulli_distribution flip(d.bitError);
+    std::bernoulli_distribution clear(d.clearShare), flip(d.bitError);
     std::vector<uint32_t> words(kWordsPerPart);
-    const size_t first = static_cast<size_t>(startMs / 8);
+    const auto first = static_cast<size_t>(startMs / 8);
     for (int i = 0; i < kWordsPerPart; ++i) {
-      uint32_t w = (*d.heard)[(first + i) % d.heard->size()];
-      for (int b = 0; b < 32; ++b)
-        if (flip(d.rng)) w ^= 1u << b;
-      words[i] = w;
+      uint32_t w = (*d.heard)[(first + static_cast<size_t>(i)) % d.heard->size()];
+      if (clear(d.rng)) {
+        for (int b = 0; b < 32; ++b)
+          if (flip(d.rng)) w ^= 1u << b;
+      } else {
+        w = static_cast<uint32_t>(d.rng());
+      }
+      words[static_cast<size_t>(i)] = w;
     }
     matcher_.addFingerprint(d.id, words, startMs + d.clockErrorMs, nowMs_);
   }
@@ -73,111 +88,315 @@ class Room {
   double nextPartMs_ = 0;
 };
 
-TEST(Matcher, DevicesHearingTheSameSoundAreFoundQuicklyAndOthersNever) {
-  Matcher matcher;
-  const auto shared = sound(1, 20000), other = sound(2, 20000);
-  Room room(matcher);
-  room.add({1, &shared, +40, 0.15});
-  room.add({2, &shared, -45, 0.2});
-  room.add({3, &other, 0, 0.1});
-  const auto events = room.run(2500);
+class MatcherTest : public ::testing::Test {
+ protected:
+  const std::vector<uint32_t> shared_ = sound(1, 20000), other_ = sound(2, 20000),
+                              elsewhere_ = sound(3, 20000);
+  Matcher matcher_;
+  Room room_{matcher_};
+
+  // Two devices of one room, found.
+  void foundPair() {
+    room_.add({1, &shared_, 0});
+    room_.add({2, &shared_, 20});
+    ASSERT_EQ(room_.run(3000).size(), 1u);
+    ASSERT_TRUE(matcher_.areNearby(1, 2));
+  }
+};
+
+// --- Finding -----------------------------------------------------------------
+
+TEST_F(MatcherTest, DevicesHearingTheSameSoundAreFoundQuicklyAndOthersNever) {
+  room_.add({1, &shared_, +40});
+  room_.add({2, &shared_, -45, 0.5, 0.05});
+  room_.add({3, &other_, 0});
+  const auto events = room_.run(2000);
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].kind, MatchEvent::Kind::found);
   EXPECT_EQ(events[0].a, 1u);
   EXPECT_EQ(events[0].b, 2u);
   EXPECT_EQ(events[0].shift, -11);  // 85 ms apart
-  EXPECT_TRUE(matcher.areNearby(2, 1));
-  EXPECT_FALSE(matcher.areNearby(1, 3));
-  EXPECT_TRUE(room.run(20000).empty());  // stays found, 3 is never found
+  EXPECT_GT(events[0].evidence, matcher_.config().findEvidence);
+  EXPECT_TRUE(matcher_.areNearby(2, 1));
+  EXPECT_FALSE(matcher_.areNearby(1, 3));
+  EXPECT_TRUE(room_.run(20000).empty());  // stays found, 3 is never found
 }
 
-TEST(Matcher, TooManyBitErrorsOrTooLargeAClockGapIsNotAMatch) {
-  const auto shared = sound(3, 20000);
-  {
-    Matcher matcher;
-    Room room(matcher);
-    room.add({1, &shared, 0, 0.05});
-    room.add({2, &shared, 0, 0.35});  // combined bit errors of about 0.37
-    EXPECT_TRUE(room.run(8000).empty());
-  }
-  {
-    Matcher matcher;
-    Room room(matcher);
-    room.add({1, &shared, 0, 0.05});
-    room.add({2, &shared, 400, 0.05});  // 400 ms: beyond any clock error
-    EXPECT_TRUE(room.run(8000).empty());
-  }
+TEST_F(MatcherTest, LessThanTheMinimumOverlapDecidesNothing) {
+  // One part of each (29 words) is far below the 60 words a decision needs,
+  // however alike the words are.
+  room_.add({1, &shared_, 0, 1.0, 0.0});
+  room_.add({2, &shared_, 0, 1.0, 0.0});
+  EXPECT_TRUE(room_.run(kPartMs + 100).empty());
+  EXPECT_EQ(room_.run(2000).size(), 1u);
 }
 
-TEST(Matcher, SilenceMatchesNothing) {
-  Matcher matcher;
+TEST_F(MatcherTest, TooManyBitErrorsOrTooLargeAClockGapIsNotAMatch) {
+  room_.add({1, &shared_, 0, 1.0, 0.05});
+  room_.add({2, &shared_, 0, 1.0, 0.35});  // every word about 12 bits off
+  room_.add({3, &shared_, 400});           // 400 ms: beyond any clock error
+  EXPECT_TRUE(room_.run(8000).empty());
+}
+
+// --- What is not evidence ----------------------------------------------------
+
+TEST_F(MatcherTest, SilenceMatchesNothingAndIsNotIndexed) {
   const std::vector<uint32_t> silence(20000, 0);
-  Room room(matcher);
-  room.add({1, &silence, 0, 0});
-  room.add({2, &silence, 10, 0});
-  EXPECT_TRUE(room.run(8000).empty());
-  EXPECT_EQ(matcher.candidatePairs(), 0u);  // silence is not even indexed
+  room_.add({1, &silence, 0, 1.0, 0.0});
+  room_.add({2, &silence, 10, 1.0, 0.0});
+  EXPECT_TRUE(room_.run(8000).empty());
+  EXPECT_EQ(matcher_.candidatePairs(), 0u);
+  EXPECT_EQ(matcher_.stats().indexHits, 0u);
 }
 
-TEST(Matcher, PairsAreLostWhenTheSoundDivergesOrADeviceLeaves) {
-  const auto shared = sound(4, 20000), elsewhere = sound(5, 20000);
-  {
-    Matcher matcher;
-    Room room(matcher);
-    room.add({1, &shared, 0, 0.1});
-    room.add({2, &shared, 20, 0.1});
-    ASSERT_EQ(room.run(3000).size(), 1u);
-    room.devices()[1].heard = &elsewhere;  // device 2 walks out
-    const double walkedOut = room.now();
-    const auto events = room.run(walkedOut + 3000);
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].kind, MatchEvent::Kind::lost);
-    EXPECT_FALSE(matcher.areNearby(1, 2));
-  }
-  {
-    Matcher matcher;
-    Room room(matcher);
-    room.add({1, &shared, 0, 0.1});
-    room.add({2, &shared, 20, 0.1});
-    ASSERT_EQ(room.run(3000).size(), 1u);
-    matcher.setSearching(2, false, room.now());  // another mode
-    const auto events = matcher.advance(room.now());
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].kind, MatchEvent::Kind::lost);
-  }
-  {
-    Matcher matcher;
-    Room room(matcher);
-    room.add({1, &shared, 0, 0.1});
-    room.add({2, &shared, 20, 0.1});
-    ASSERT_EQ(room.run(3000).size(), 1u);
-    matcher.removeClient(1, room.now());  // disconnected: reported at once
-    EXPECT_FALSE(matcher.areNearby(1, 2));
-    EXPECT_EQ(matcher.candidatePairs(), 0u);
-  }
+TEST_F(MatcherTest, ASteadyToneInTwoRoomsIsNotEvidence) {
+  // Any two rooms with the same hum hash to the same repeated word.
+  const std::vector<uint32_t> hum(20000, 0x0F0F3C3Cu);
+  room_.add({1, &hum, 0, 1.0, 0.0});
+  room_.add({2, &hum, 0, 1.0, 0.0});
+  EXPECT_TRUE(room_.run(8000).empty());
+  EXPECT_GT(matcher_.stats().evaluations, 0u);  // compared, and judged uninformative
 }
 
-TEST(Matcher, UnrelatedClientsCostNoComparisons) {
-  Matcher matcher;
+// --- Losing ------------------------------------------------------------------
+
+TEST_F(MatcherTest, ADeviceWalkingOutIsLostWithinThreeSeconds) {
+  foundPair();
+  room_.device(1).heard = &elsewhere_;
+  const double walkedOut = room_.now();
+  const auto events = room_.run(walkedOut + 3000);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].kind, MatchEvent::Kind::lost);
+  EXPECT_FALSE(matcher_.areNearby(1, 2));
+}
+
+TEST_F(MatcherTest, AShortPauseInTheSharedSoundKeepsThePair) {
+  foundPair();
+  // For half a second each device hears only its own noise.
+  room_.device(0).clearShare = room_.device(1).clearShare = 0;
+  EXPECT_TRUE(room_.run(room_.now() + 500).empty());
+  room_.device(0).clearShare = room_.device(1).clearShare = 0.7;
+  EXPECT_TRUE(room_.run(room_.now() + 5000).empty());
+  EXPECT_TRUE(matcher_.areNearby(1, 2));
+}
+
+TEST_F(MatcherTest, ADeviceThatStopsSendingIsLost) {
+  foundPair();
+  room_.device(1).heard = nullptr;
+  const double stopped = room_.now();
+  const auto events = room_.run(stopped + matcher_.config().silentAfterMs + 200);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].kind, MatchEvent::Kind::lost);
+}
+
+TEST_F(MatcherTest, AnotherModeEndsThePairAtTheNextAdvance) {
+  foundPair();
+  matcher_.setSearching(2, false, room_.now());
+  const auto events = matcher_.advance(room_.now());
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].kind, MatchEvent::Kind::lost);
+  EXPECT_EQ(matcher_.candidatePairs(), 0u);
+}
+
+TEST_F(MatcherTest, ReturningToSearchFindsThePairAgainFromFreshWords) {
+  foundPair();
+  matcher_.setSearching(2, false, room_.now());
+  ASSERT_EQ(matcher_.advance(room_.now()).size(), 1u);
+  room_.device(1).heard = nullptr;  // nothing sent while in another mode
+  room_.run(room_.now() + 1000);
+  matcher_.setSearching(2, true, room_.now());
+  room_.device(1).heard = &shared_;
+  const auto events = room_.run(room_.now() + 2500);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].kind, MatchEvent::Kind::found);
+}
+
+TEST_F(MatcherTest, RemovingAClientReportsItsPairsLostAndForgetsThem) {
+  foundPair();
+  matcher_.removeClient(1, room_.now());
+  EXPECT_FALSE(matcher_.areNearby(1, 2));
+  EXPECT_EQ(matcher_.candidatePairs(), 0u);
+  const auto events = matcher_.advance(room_.now());
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].kind, MatchEvent::Kind::lost);
+  EXPECT_EQ(events[0].a, 1u);
+}
+
+// --- Cost --------------------------------------------------------------------
+
+TEST_F(MatcherTest, UnrelatedClientsCostNoComparisons) {
   std::vector<std::vector<uint32_t>> sounds;
-  for (uint32_t s = 0; s < 40; ++s) sounds.push_back(sound(100 + s, 4000));
-  Room room(matcher);
-  for (uint64_t id = 0; id < 40; ++id) room.add({id, &sounds[id], 0, 0.1});
-  EXPECT_TRUE(room.run(5000).empty());
-  // 780 pairs could be compared 25 times each; chance collisions of index keys
-  // start almost none of those comparisons.
-  EXPECT_LT(matcher.stats().evaluations, 50u);
+  for (uint32_t s = 0; s < 40; ++s)
+    sounds.push_back(sound(100 + s, 4000));
+  for (uint64_t id = 0; id < 40; ++id)
+    room_.add({id, &sounds[id], 0});
+  EXPECT_TRUE(room_.run(5000).empty());
+  // 780 pairs could each be compared at every one of 21 parts; chance
+  // meetings of index keys at scattered shifts start none of those comparisons.
+  EXPECT_EQ(matcher_.stats().evaluations, 0u);
 }
 
-TEST(Matcher, IgnoresNonSearchingClientsAndBadTimes) {
-  Matcher matcher;
+// --- Input a client can get wrong --------------------------------------------
+
+TEST_F(MatcherTest, IgnoresNonSearchingClientsAndBadTimes) {
   const uint32_t words[3] = {1, 2, 3};
-  matcher.addFingerprint(9, words, 0, 0);  // never searching
-  matcher.setSearching(1, true, 0);
-  matcher.addFingerprint(1, words, std::numeric_limits<double>::quiet_NaN(), 0);
-  matcher.addFingerprint(1, {}, 0, 0);
-  EXPECT_TRUE(matcher.advance(100).empty());
-  EXPECT_EQ(matcher.candidatePairs(), 0u);
+  matcher_.addFingerprint(9, words, 0, 0);  // never searching
+  matcher_.setSearching(1, true, 0);
+  matcher_.addFingerprint(1, words, std::numeric_limits<double>::quiet_NaN(), 0);
+  matcher_.addFingerprint(1, words, std::numeric_limits<double>::infinity(), 0);
+  matcher_.addFingerprint(1, {}, 0, 0);
+  EXPECT_TRUE(matcher_.advance(100).empty());
+  EXPECT_EQ(matcher_.candidatePairs(), 0u);
+  EXPECT_EQ(matcher_.stats().indexHits, 0u);
+}
+
+TEST_F(MatcherTest, APartStampedFarFromNowIsIgnored) {
+  // A clock a day off would put its words where no other client's are, and
+  // push the client's real words out of its history.
+  room_.add({1, &shared_, 0});
+  room_.add({2, &shared_, 0});
+  room_.run(600);
+  const auto day = shared_;
+  matcher_.addFingerprint(2, std::span(day).first(29), room_.now() + 86'400'000, room_.now());
+  matcher_.addFingerprint(2, std::span(day).first(29), room_.now() - 86'400'000, room_.now());
+  const auto events = room_.run(2500);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].kind, MatchEvent::Kind::found);
+}
+
+// --- Judging a pair ----------------------------------------------------------
+
+// Two timelines of `slots` words: b hears a's sound `shift` slots later, each
+// word clear with probability clearShare (bits flipped with bitError) and
+// otherwise its own noise.
+struct TwoTimelines {
+  WordTimeline a{750}, b{750};
+  TwoTimelines(const std::vector<uint32_t>& heardA, const std::vector<uint32_t>& heardB,
+               int32_t slots, int32_t shift, double clearShare, double bitError) {
+    std::mt19937 rng(99);
+    std::bernoulli_distribution clear(clearShare), flip(bitError);
+    for (int32_t t = 0; t < slots; ++t) {
+      const auto i = static_cast<size_t>(t);
+      a.put(t, heardA[i]);
+      uint32_t w = heardB[i];
+      if (clear(rng)) {
+        for (int bit = 0; bit < 32; ++bit)
+          if (flip(rng)) w ^= 1u << bit;
+      } else {
+        w = static_cast<uint32_t>(rng());
+      }
+      b.put(t + shift, w);
+    }
+  }
+};
+
+class PairAssessmentTest : public ::testing::Test {
+ protected:
+  tellora::server::MatcherConfig config_;
+  WordScores scores_{config_.clearBitError, config_.clearShare, config_.scoredBits};
+  const std::vector<uint32_t> sound_ = sound(5, 1000), other_ = sound(6, 1000);
+
+  tellora::server::PairAssessment assess(const TwoTimelines& t,
+                                         std::optional<int32_t> tracked = std::nullopt) {
+    return tellora::server::assessPair(t.a, t.b, config_, scores_, tracked);
+  }
+};
+
+TEST_F(PairAssessmentTest, TheSameSoundIsEvidenceAtItsShift) {
+  const auto judged = assess(TwoTimelines(sound_, sound_, 300, 7, 0.5, 0.05));
+  ASSERT_TRUE(judged.decisive);
+  EXPECT_TRUE(judged.informative);
+  EXPECT_EQ(judged.agreement.shift, 7);
+  EXPECT_EQ(judged.agreement.overlap, config_.windowSlots);
+  EXPECT_GT(judged.evidence, 1.5 * config_.findEvidence);
+}
+
+TEST_F(PairAssessmentTest, EvenlySpreadBitErrorsAreNotEvidence) {
+  // Every word 12 bits off: nothing heard clearly.
+  const auto judged = assess(TwoTimelines(sound_, sound_, 300, 0, 1.0, 0.37));
+  ASSERT_TRUE(judged.decisive);
+  EXPECT_LT(judged.agreement.bitErrorRate, 0.45);
+  EXPECT_LT(judged.evidence, config_.findEvidence / 2);
+}
+
+TEST_F(PairAssessmentTest, UnrelatedSoundsOfOneVocabularyAreNotEvidence) {
+  // Generic sounds (a level change, a hum) give every room the same few
+  // words: they agree at any shift, and so no better at one.
+  std::vector<uint32_t> vocabulary = sound(8, 4), a(1000), b(1000);
+  std::mt19937 rng(3);
+  for (auto* s : {&a, &b})
+    for (auto& w : *s)
+      w = vocabulary[rng() % vocabulary.size()];
+  const auto judged = assess(TwoTimelines(a, b, 300, 0, 1.0, 0.0));
+  ASSERT_TRUE(judged.decisive);
+  EXPECT_LT(judged.agreement.bitErrorRate, 0.4);
+  EXPECT_LT(judged.evidence, config_.findEvidence * 0.75);
+}
+
+TEST_F(PairAssessmentTest, ANearbyPairIsJudgedOverRecentWordsNearItsShift) {
+  const TwoTimelines t(sound_, sound_, 300, 7, 0.5, 0.05);
+  const auto atShift = assess(t, 6);
+  ASSERT_TRUE(atShift.decisive);
+  EXPECT_EQ(atShift.agreement.shift, 7);
+  EXPECT_EQ(atShift.agreement.overlap, config_.nearbyWindowSlots);
+  EXPECT_GT(atShift.evidence, config_.findEvidence);
+  const auto elsewhere = assess(t, -6);  // 7 is beyond the tracked +-2
+  EXPECT_LT(elsewhere.evidence, config_.keepEvidence);
+}
+
+TEST_F(PairAssessmentTest, TooFewWordsOrNoneAreNotDecisive) {
+  EXPECT_FALSE(assess(TwoTimelines(sound_, sound_, config_.minOverlap - 1, 0, 1, 0)).decisive);
+  EXPECT_TRUE(assess(TwoTimelines(sound_, sound_, config_.minOverlap + 40, 0, 1, 0)).decisive);
+  const WordTimeline empty(750);
+  const TwoTimelines t(sound_, other_, 300, 0, 1, 0);
+  EXPECT_FALSE(tellora::server::assessPair(t.a, empty, config_, scores_).decisive);
+}
+
+TEST(WordComparison, FindsTheClockOffsetAndScoresItAboveChance) {
+  const auto words = sound(7, 400);
+  WordTimeline a(750), b(750);
+  for (int64_t t = 0; t < 300; ++t) {
+    a.put(t, words[static_cast<size_t>(t)]);
+    b.put(t + 6, words[static_cast<size_t>(t)] ^ (t % 3 == 0 ? 0x11u : 0u));  // 48 ms late
+  }
+  const WordScores scores(0.1, 0.2);
+  const auto best = tellora::server::compareTimelines(a, b, 290, 250, -18, 18, 60, scores);
+  EXPECT_EQ(best.shift, 6);
+  EXPECT_EQ(best.overlap, 250);
+  EXPECT_NEAR(best.bitErrorRate, 2.0 / 32 / 3, 1e-3);
+  const auto chance = tellora::server::chanceAgreement(a, b, 290, 250, 30, scores);
+  EXPECT_NEAR(chance.bitErrorRate, 0.5, 0.03);
+  EXPECT_GT(best.score, chance.score + 5);
+}
+
+TEST(WordComparison, OnlyWordsPresentOnBothSidesCount) {
+  WordTimeline a(750), b(750);
+  for (int64_t t = 0; t < 100; ++t)
+    a.put(t, 0xFFFFFFFFu);
+  for (int64_t t = 50; t < 150; ++t)
+    b.put(t, 0xFFFFFFFFu);
+  const WordScores scores(0.1, 0.2);
+  const auto best = tellora::server::compareTimelines(a, b, 99, 100, 0, 0, 1, scores);
+  EXPECT_EQ(best.overlap, 50);
+  EXPECT_EQ(best.bitErrorRate, 0.0);
+  // Fewer than minOverlap words at every shift: nothing to report.
+  EXPECT_EQ(tellora::server::compareTimelines(a, b, 99, 100, 0, 0, 51, scores).overlap, 0);
+}
+
+TEST(WordComparison, SilenceAndSteadyTonesAreUninformative) {
+  WordTimeline silence(750), hum(750), speech(750), gappy(750);
+  const auto words = sound(9, 200);
+  for (int64_t t = 0; t < 200; ++t) {
+    silence.put(t, 0);
+    hum.put(t, 0x0F0F3C3Cu);
+    speech.put(t, words[static_cast<size_t>(t)]);
+    if (t % 2 == 0) gappy.put(t, t % 20 == 0 ? 0u : words[static_cast<size_t>(t)]);
+  }
+  EXPECT_FALSE(tellora::server::isInformative(silence, 199, 100));
+  EXPECT_FALSE(tellora::server::isInformative(hum, 199, 100));
+  EXPECT_TRUE(tellora::server::isInformative(speech, 199, 100));
+  EXPECT_TRUE(tellora::server::isInformative(gappy, 199, 100));    // absent words do not count
+  EXPECT_FALSE(tellora::server::isInformative(speech, 400, 100));  // nothing there
 }
 
 }  // namespace

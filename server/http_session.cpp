@@ -1,0 +1,213 @@
+#include "server/http_session.h"
+
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <boost/beast/websocket/rfc6455.hpp>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "runtime/log.h"
+#include "server/json_input.h"
+#include "server/registration.h"
+#include "server/server_context.h"
+#include "server/ws_session.h"
+
+namespace tellora::server {
+
+namespace {
+
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace net = boost::asio;
+namespace ssl = net::ssl;
+namespace websocket = beast::websocket;
+using tcp = net::ip::tcp;
+
+// The upgrade was refused: unknown client identifier or wrong secret.
+constexpr unsigned kStatusUnknownClient = 802;
+constexpr std::size_t kHeaderLimit = 16 << 10;
+
+std::string describePeer(const tcp::socket& socket) {
+  beast::error_code ec;
+  const auto endpoint = socket.remote_endpoint(ec);
+  if (ec) return "?";
+  return endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
+}
+
+// A header value fit for one log line: printable ASCII, at most 64 characters.
+std::string forLog(std::string_view value) {
+  std::string text;
+  for (char c : value.substr(0, 64))
+    text.push_back(c >= 0x20 && c < 0x7f ? c : '?');
+  if (value.size() > 64) text += "...";
+  return text;
+}
+
+std::string_view pathOf(std::string_view target) {
+  return target.substr(0, target.find('?'));
+}
+
+std::string reasonFor(unsigned status) {
+  switch (status) {
+    case kStatusUnknownApplication:
+      return "Unknown Application";
+    case kStatusUnknownClient:
+      return "Unknown Client";
+    default:
+      return std::string(http::obsolete_reason(http::int_to_status(status)));
+  }
+}
+
+template <class Stream>
+class HttpSession : public ManagedConnection,
+                    public std::enable_shared_from_this<HttpSession<Stream>> {
+ public:
+  static constexpr bool kTls = std::is_same_v<Stream, TlsStream>;
+
+  HttpSession(Stream stream, std::string peer, ServerContext& context)
+      : stream_(std::move(stream)), peer_(std::move(peer)), context_(context) {}
+
+  ~HttpSession() override { context_.registry.remove(registryId_); }
+
+  void start() {
+    registryId_ = context_.registry.add(this->weak_from_this());
+    if constexpr (kTls) {
+      lowest().expires_after(context_.options.limits.httpTimeout);
+      stream_.async_handshake(
+          ssl::stream_base::server,
+          [self = this->shared_from_this()](beast::error_code ec) { self->onHandshake(ec); });
+    } else {
+      readRequest();
+    }
+  }
+
+  void shutdown() override {
+    beast::error_code ignored;
+    lowest().socket().close(ignored);
+  }
+
+ private:
+  beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream_); }
+
+  void onHandshake(beast::error_code ec) {
+    if (ec) return;  // scanners, plain-text clients, timeouts: nothing to say
+    readRequest();
+  }
+
+  void readRequest() {
+    parser_.emplace();
+    parser_->body_limit(context_.options.limits.maxBodyBytes);
+    parser_->header_limit(kHeaderLimit);
+    lowest().expires_after(context_.options.limits.httpTimeout);
+    http::async_read(stream_, buffer_, *parser_,
+                     [self = this->shared_from_this()](beast::error_code ec, std::size_t) {
+                       self->onRequest(ec);
+                     });
+  }
+
+  void onRequest(beast::error_code ec) {
+    if (ec == http::error::end_of_stream) return closeGracefully();
+    if (ec == http::error::body_limit) return respond(413, "the body is too large", false);
+    if (ec == http::error::header_limit) return respond(431, "the header is too large", false);
+    if (ec && ec.category() == http::make_error_code(http::error::bad_target).category())
+      return respond(400, "not an HTTP/1.1 request", false);
+    if (ec) return;  // timed out or reset
+    UpgradeRequest request = parser_->release();
+    if (websocket::is_upgrade(request)) return upgrade(std::move(request));
+    const std::string_view path = pathOf(request.target());
+    if (path == "/register") {
+      if (request.method() != http::verb::post)
+        return respond(405, "use POST", request.keep_alive());
+      return registration(request);
+    }
+    if (path == "/ws") return respond(426, "a WebSocket upgrade is expected", false);
+    respond(404, "no such endpoint", request.keep_alive());
+  }
+
+  void registration(const UpgradeRequest& request) {
+    const auto issue = [this](const RegistrationRequest& r) {
+      return context_.store.issue(r.appId, dumpJson(r.device));
+    };
+    RegistrationReply reply = handleRegistration(request.body(), context_.options.apps, issue);
+    logf("%s from %s", reply.logLine.c_str(), peer_.c_str());
+    respond(reply.status, std::move(reply.body), request.keep_alive(), true);
+  }
+
+  void upgrade(UpgradeRequest request) {
+    if (pathOf(request.target()) != "/ws") return respond(404, "no such endpoint", false);
+    const std::string clientId(request["clientId"]);
+    const std::string secret(request["clientSecret"]);
+    const auto found = context_.store.authenticate(clientId, secret);
+    if (found.verdict != ClientStore::Verdict::accepted) {
+      const bool unknown = found.verdict == ClientStore::Verdict::unknownClient;
+      logf("upgrade refused (%u) from %s: %s \"%s\"", kStatusUnknownClient, peer_.c_str(),
+           unknown ? "unknown client" : "wrong secret for client", forLog(clientId).c_str());
+      return respond(kStatusUnknownClient, "unknown client or wrong secret", false);
+    }
+    SessionClient client{found.key, clientId, forLog(request["app_version"]), peer_};
+    lowest().expires_never();
+    startWsSession(std::move(stream_), std::move(request), std::move(client), context_);
+  }
+
+  // Bodies are JSON: `body` as it is when `isJson`, else {"error": body}.
+  void respond(unsigned status, std::string body, bool keepAlive, bool isJson = false) {
+    auto response = std::make_shared<http::response<http::string_body>>();
+    response->result(status);
+    response->reason(reasonFor(status));
+    response->version(11);
+    response->set(http::field::server, kServerName);
+    response->set(http::field::content_type, "application/json");
+    if (status == 405) response->set(http::field::allow, "POST");
+    response->keep_alive(keepAlive);
+    response->body() = isJson ? std::move(body) : dumpJson({{"error", body}});
+    response->prepare_payload();
+    lowest().expires_after(context_.options.limits.httpTimeout);
+    http::async_write(
+        stream_, *response,
+        [self = this->shared_from_this(), response](beast::error_code ec, std::size_t) {
+          if (ec) return;
+          if (!response->keep_alive()) return self->closeGracefully();
+          self->readRequest();
+        });
+  }
+
+  // FIN rather than RST, so that the client surely reads the last response.
+  void closeGracefully() {
+    if constexpr (kTls) {
+      lowest().expires_after(context_.options.limits.httpTimeout);
+      stream_.async_shutdown([self = this->shared_from_this()](beast::error_code) {});
+    } else {
+      beast::error_code ignored;
+      lowest().socket().shutdown(tcp::socket::shutdown_send, ignored);
+    }
+  }
+
+  Stream stream_;
+  std::string peer_;
+  ServerContext& context_;
+  beast::flat_buffer buffer_;
+  std::optional<http::request_parser<http::string_body>> parser_;
+  uint64_t registryId_ = 0;
+};
+
+}  // namespace
+
+void startHttpSession(tcp::socket socket, ServerContext& context) {
+  std::string peer = describePeer(socket);
+  if (context.tls) {
+    std::make_shared<HttpSession<TlsStream>>(TlsStream(std::move(socket), *context.tls),
+                                             std::move(peer), context)
+        ->start();
+  } else {
+    std::make_shared<HttpSession<PlainStream>>(PlainStream(std::move(socket)), std::move(peer),
+                                               context)
+        ->start();
+  }
+}
+
+}  // namespace tellora::server

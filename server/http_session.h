@@ -1,0 +1,15 @@
+// One accepted connection until it becomes a WebSocket or ends: the TLS
+// handshake when the server is secure, then HTTP/1.1 requests - registration,
+// and the upgrade request, which is authenticated here and refused with 802
+// for an unknown client or a wrong secret.
+#pragma once
+
+#include <boost/asio/ip/tcp.hpp>
+
+namespace tellora::server {
+
+struct ServerContext;
+
+void startHttpSession(boost::asio::ip::tcp::socket socket, ServerContext& context);
+
+}  // namespace tellora::server

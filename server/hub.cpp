@@ -1,0 +1,139 @@
+#include "server/hub.h"
+
+#include <chrono>
+#include <exception>
+#include <utility>
+
+#include "runtime/log.h"
+
+namespace tellora::server {
+
+double serverClockMs() {
+  using namespace std::chrono;
+  return duration<double, std::milli>(system_clock::now().time_since_epoch()).count();
+}
+
+Hub::Hub(MatcherConfig config, Clock clock) : matcher_(config), clock_(std::move(clock)) {}
+
+void Hub::attach(ClientKey client, const std::string& clientId,
+                 const std::shared_ptr<ClientConnection>& connection) {
+  if (auto it = clients_.find(client); it != clients_.end()) {
+    logf("client %s: replaced by a newer connection, closing the older one with %u",
+         clientId.c_str(), unsigned{kCloseReplaced});
+    if (auto older = it->second.connection.lock())
+      older->close(kCloseReplaced, "replaced by a newer connection");
+    forget(client);
+  }
+  Client& state = clients_[client];
+  state.clientId = clientId;
+  state.connection = connection;
+  state.session = connection.get();
+}
+
+void Hub::detach(ClientKey client, const ClientConnection* connection) {
+  if (current(client, connection)) forget(client);
+}
+
+void Hub::receive(ClientKey client, const ClientConnection* connection, std::string_view frame) {
+  Client* state = current(client, connection);
+  if (!state) return;
+  RequestContext context{clock_(), [&] { return nearbyList(*state); }};
+  HandledRequest handled = handleRequest(frame, context);
+  if (handled.ignored) ++ignoredFrames_;
+  if (handled.change) {
+    if (auto* mode = std::get_if<ModeChange>(&*handled.change)) {
+      apply(client, *mode);
+    } else if (auto* payload = std::get_if<PayloadChange>(&*handled.change)) {
+      state->payload = std::move(payload->payload);
+    } else if (auto* fingerprint = std::get_if<FingerprintAdded>(&*handled.change)) {
+      matcher_.addFingerprint(client, fingerprint->words, fingerprint->stimeMs, context.nowMs);
+    }
+  }
+  if (handled.reply) send(*state, std::move(*handled.reply));
+}
+
+void Hub::tick() {
+  handleEvents(matcher_.advance(clock_()));
+}
+
+Hub::Client* Hub::current(ClientKey client, const ClientConnection* connection) {
+  auto it = clients_.find(client);
+  if (it == clients_.end() || it->second.session != connection) return nullptr;
+  return &it->second;
+}
+
+void Hub::apply(ClientKey client, ModeChange change) {
+  const bool searching = change.mode == kSearchMode;
+  const double now = clock_();
+  matcher_.setSearching(client, searching, now);
+  if (searching) return;
+  // Leaving the search ends its pairs now, not at the next tick, so that a
+  // quick return to searching starts from a clean slate on both sides.
+  handleEvents(matcher_.advance(now));
+  dropPairs(client);
+}
+
+nlohmann::json Hub::nearbyList(const Client& client) const {
+  nlohmann::json list = nlohmann::json::array();
+  for (ClientKey other : client.nearby) {
+    auto it = clients_.find(other);
+    if (it == clients_.end()) continue;
+    list.push_back({{"clientId", it->second.clientId}, {"payload", it->second.payload}});
+  }
+  return list;
+}
+
+void Hub::handleEvents(std::vector<MatchEvent> events) {
+  for (const auto& event : events) {
+    if (event.kind == MatchEvent::Kind::found) {
+      pairFound(event.a, event.b);
+    } else {
+      pairLost(event.a, event.b);
+    }
+  }
+}
+
+// The hub's own pair set decides what is pushed, so a found or lost that the
+// matcher reports twice (or after the hub already ended the pair) is pushed once.
+void Hub::pairFound(ClientKey a, ClientKey b) {
+  auto ia = clients_.find(a), ib = clients_.find(b);
+  if (a == b || ia == clients_.end() || ib == clients_.end()) return;
+  if (!ia->second.nearby.insert(b).second) return;
+  ib->second.nearby.insert(a);
+  logf("clients %s and %s are nearby", ia->second.clientId.c_str(), ib->second.clientId.c_str());
+  send(ia->second, foundPush(ib->second.clientId, ib->second.payload));
+  send(ib->second, foundPush(ia->second.clientId, ia->second.payload));
+}
+
+void Hub::pairLost(ClientKey a, ClientKey b) {
+  auto ia = clients_.find(a), ib = clients_.find(b);
+  if (ia == clients_.end() || ib == clients_.end()) return;
+  if (ia->second.nearby.erase(b) == 0) return;
+  ib->second.nearby.erase(a);
+  logf("clients %s and %s are no longer nearby", ia->second.clientId.c_str(),
+       ib->second.clientId.c_str());
+  send(ia->second, lostPush(ib->second.clientId));
+  send(ib->second, lostPush(ia->second.clientId));
+}
+
+void Hub::dropPairs(ClientKey client) {
+  auto it = clients_.find(client);
+  if (it == clients_.end()) return;
+  const std::set<ClientKey> partners = it->second.nearby;
+  for (ClientKey other : partners)
+    pairLost(client, other);
+}
+
+void Hub::send(const Client& client, std::string text) {
+  if (auto connection = client.connection.lock()) connection->send(std::move(text));
+}
+
+void Hub::forget(ClientKey client) {
+  // Its partners hear at once that the client is gone; the lost events the
+  // matcher queues for these pairs then find nothing left to tell.
+  dropPairs(client);
+  matcher_.removeClient(client, clock_());
+  clients_.erase(client);
+}
+
+}  // namespace tellora::server

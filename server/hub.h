@@ -1,0 +1,90 @@
+// The connected clients and their matching: which session speaks for which
+// client, their payloads, the matcher fed with their fingerprints, and the
+// found/lost pushes it leads to. Runs on the server's one thread and knows
+// nothing of sockets, so tests can drive it with fake connections and a fake
+// clock.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include <nlohmann/json.hpp>
+
+#include "server/matcher/matcher.h"
+#include "server/request_handler.h"
+
+namespace tellora::server {
+
+// WebSocket close codes of the server.
+constexpr uint16_t kCloseReplaced = 3001;      // a newer connection of the same client
+constexpr uint16_t kCloseShuttingDown = 3002;  // the server stops
+
+// What the hub needs of a client's WebSocket session. Neither call may call
+// back into the hub before it returns: a session that fails reports its end
+// later, from its own completion handler.
+class ClientConnection {
+ public:
+  virtual ~ClientConnection() = default;
+  // Queues one text frame.
+  virtual void send(std::string text) = 0;
+  // Starts the closing handshake with this code after the frames queued so far.
+  virtual void close(uint16_t code, std::string reason) = 0;
+};
+
+// The server clock: wall-clock milliseconds since 1970.
+double serverClockMs();
+
+class Hub {
+ public:
+  using Clock = std::function<double()>;
+  explicit Hub(MatcherConfig config = {}, Clock clock = serverClockMs);
+
+  // A session of `client` is open. An older session of the same client is
+  // closed with 3001 and its state (mode, payload, pairs) ends with it.
+  void attach(ClientKey client, const std::string& clientId,
+              const std::shared_ptr<ClientConnection>& connection);
+  // The session has ended. Its nearby clients hear that it is lost. A session
+  // already replaced by a newer one changes nothing.
+  void detach(ClientKey client, const ClientConnection* connection);
+  // One inbound frame of the session (text or binary, as received). Frames of
+  // a replaced session are dropped.
+  void receive(ClientKey client, const ClientConnection* connection, std::string_view frame);
+  // Lets the matcher compare and pushes what changed; call every ~100 ms.
+  void tick();
+
+  std::size_t clientCount() const { return clients_.size(); }
+  // Frames not used (malformed, or fingerprints outside the time window).
+  uint64_t ignoredFrames() const { return ignoredFrames_; }
+
+ private:
+  struct Client {
+    std::string clientId;
+    std::weak_ptr<ClientConnection> connection;
+    const ClientConnection* session = nullptr;  // identity of the current session
+    nlohmann::json payload;
+    std::set<ClientKey> nearby;
+  };
+
+  Client* current(ClientKey client, const ClientConnection* connection);
+  void apply(ClientKey client, ModeChange change);
+  nlohmann::json nearbyList(const Client& client) const;
+  void handleEvents(std::vector<MatchEvent> events);
+  void pairFound(ClientKey a, ClientKey b);
+  void pairLost(ClientKey a, ClientKey b);
+  // Ends every pair of `client` at once, pushing lost to both sides.
+  void dropPairs(ClientKey client);
+  void send(const Client& client, std::string text);
+  void forget(ClientKey client);
+
+  Matcher matcher_;
+  Clock clock_;
+  std::unordered_map<ClientKey, Client> clients_;
+  uint64_t ignoredFrames_ = 0;
+};
+
+}  // namespace tellora::server

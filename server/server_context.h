@@ -1,0 +1,25 @@
+// What every connection of a running server shares. All of it is used on the
+// server's one thread only.
+#pragma once
+
+#include <boost/asio/ssl/context.hpp>
+
+#include "server/client_store.h"
+#include "server/connection_registry.h"
+#include "server/hub.h"
+#include "server/server_options.h"
+
+namespace tellora::server {
+
+struct ServerContext {
+  const ServerOptions& options;
+  ClientStore& store;
+  Hub& hub;
+  ConnectionRegistry& registry;
+  boost::asio::ssl::context* tls = nullptr;  // null: plain http:// and ws://
+};
+
+// The Server header field of every response.
+constexpr const char* kServerName = "tellora-server";
+
+}  // namespace tellora::server

@@ -1,0 +1,56 @@
+// Everything a Server is started with: where it listens, whom it admits, where
+// it keeps identities, and the limits that keep a misbehaving or hostile peer
+// from taking it down.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "server/registration.h"
+
+namespace tellora::server {
+
+struct ServerLimits {
+  // To complete a TLS handshake, or to send one HTTP request (also the idle
+  // time allowed between requests on a kept-alive connection).
+  std::chrono::milliseconds httpTimeout{10'000};
+  // To complete the WebSocket opening or closing handshake.
+  std::chrono::milliseconds wsHandshakeTimeout{10'000};
+  // A WebSocket that hears nothing for this long is dropped; it is pinged
+  // halfway, so only a peer that stopped reading runs into it.
+  std::chrono::milliseconds wsIdleTimeout{60'000};
+  // How often the matcher compares and the found/lost pushes go out.
+  std::chrono::milliseconds matchTick{100};
+  // After a stop, sessions get this long to finish their closing handshakes.
+  std::chrono::milliseconds shutdownGrace{2'000};
+  std::size_t maxFrameBytes = 1 << 20;  // a larger inbound frame closes the session
+  std::size_t maxBodyBytes = 64 << 10;  // registration request body
+  // A session whose unsent frames exceed either bound is dropped: a client
+  // that does not read must not grow the server's memory.
+  std::size_t maxQueuedFrames = 1024;
+  std::size_t maxQueuedBytes = 4 << 20;
+  // SO_SNDBUF of accepted sockets; 0 leaves the kernel's autotuning, which
+  // may buffer megabytes for a client that does not read before the queue
+  // above sees any of it.
+  int socketSendBufferBytes = 0;
+  // Connections (HTTP and WebSocket) open at once; more are closed on accept.
+  std::size_t maxConnections = 4096;
+};
+
+struct ServerOptions {
+  std::string bindAddress = "127.0.0.1";
+  uint16_t port = 10000;  // 0 picks a free port
+  // Applications admitted at registration; empty admits any application.
+  std::vector<AppCredential> apps;
+  // SQLite database of the issued identities; ":memory:" keeps them in memory.
+  std::string databasePath = "tellora-server.db";
+  // Both set: everything on the port is https:// and wss://.
+  std::string tlsCertificateChainFile;
+  std::string tlsPrivateKeyFile;
+  ServerLimits limits;
+};
+
+}  // namespace tellora::server

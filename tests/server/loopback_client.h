@@ -1,0 +1,89 @@
+// Blocking clients of a tellora-server on 127.0.0.1 for tests: one HTTP
+// request, or a WebSocket session that sends requests and reads what comes
+// back. Every wait has a time limit, so a server that never answers fails the
+// test instead of hanging it. Plain or TLS (trusting the given CA file).
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace tellora::server_test {
+
+using namespace std::chrono_literals;
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+struct Endpoint {
+  uint16_t port = 0;
+  std::string caFile;          // set: TLS, trusting this CA
+  int receiveBufferBytes = 0;  // set: SO_RCVBUF of the client's socket
+};
+
+struct HttpResult {
+  unsigned status = 0;  // 0: no response (refused, reset, timed out)
+  std::string reason;
+  std::string body;
+};
+
+HttpResult httpRequest(const Endpoint& endpoint, const std::string& method,
+                       const std::string& target, const std::string& body = {},
+                       const Headers& headers = {});
+
+// POST /register with application `appId`/`appSecret`; the parsed reply
+// (null unless 200).
+struct Registration {
+  unsigned status = 0;
+  std::string clientId;
+  std::string clientSecret;
+};
+Registration registerClient(const Endpoint& endpoint, int64_t appId, const std::string& appSecret);
+
+// One received message, or how the session ended.
+struct WsMessage {
+  bool closed = false;
+  uint16_t closeCode = 0;  // when closed by a close frame
+  bool text = false;
+  std::string payload;
+};
+
+class WsClient {
+ public:
+  // Opens /ws with the headers. On refusal returns null and sets
+  // `refusedStatus` to the HTTP status (0 when there was no HTTP answer).
+  static std::unique_ptr<WsClient> open(const Endpoint& endpoint, const Headers& headers,
+                                        unsigned* refusedStatus = nullptr,
+                                        const std::string& target = "/ws");
+  // Opens with the identity headers the SDK sends.
+  static std::unique_ptr<WsClient> open(const Endpoint& endpoint, const Registration& identity,
+                                        unsigned* refusedStatus = nullptr);
+  virtual ~WsClient() = default;
+
+  virtual bool sendBinary(const std::string& bytes) = 0;
+  virtual bool sendText(const std::string& text) = 0;
+  // The next message, or nullopt when none came within `timeout`.
+  virtual std::optional<WsMessage> receive(std::chrono::milliseconds timeout = 5s) = 0;
+  // Starts the closing handshake with code 1000 and waits for its end.
+  virtual void close() = 0;
+
+  // Sends {"type","id","data"} as the SDK does (binary) and returns the reply
+  // carrying "requestId" == id, keeping the pushes that arrive on the way.
+  std::optional<nlohmann::json> request(int type, int64_t id,
+                                        const std::optional<nlohmann::json>& data = std::nullopt,
+                                        std::chrono::milliseconds timeout = 5s);
+  // Every message until the session ends or `timeout` passes; the close code
+  // when it ended with a close frame.
+  std::optional<uint16_t> awaitClose(std::chrono::milliseconds timeout = 5s);
+  // The next push of this type (kept ones first), or nullopt.
+  std::optional<nlohmann::json> awaitPush(int type, std::chrono::milliseconds timeout = 5s);
+
+  std::vector<nlohmann::json> pushes;  // kept by request()
+  bool sawBinaryReply = false;         // the server must answer in text frames
+};
+
+}  // namespace tellora::server_test
