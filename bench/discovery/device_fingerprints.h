@@ -8,8 +8,8 @@
 namespace tellora::scenes {
 
 struct Part {
-  double stimeMs;     // part start on the server clock as the device believes it
-  double arrivalMs;   // when the server receives it (true time)
+  double stimeMs;    // part start on the server clock as the device believes it
+  double arrivalMs;  // when the server receives it (true time)
   std::vector<uint32_t> words;
 };
 
