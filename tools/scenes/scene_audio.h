@@ -39,14 +39,18 @@ struct Room {
 // A room of `seconds`: its talkers (recordings of its own) taking turns, maybe
 // music, background noise.
 Room makeRoom(uint32_t seed, double seconds, const std::vector<Signal>& talkers);
+// The same talkers and background noise as makeRoom(), with music always
+// playing at `musicLevel` (RMS; speech turns are at 0.1).
+Room makeRoomWithMusic(uint32_t seed, double seconds, const std::vector<Signal>& talkers,
+                       double musicLevel);
 
 // How one device hears a room.
 struct DeviceChannel {
-  double gain = 1.0;       // linear
-  double snrDb = 20.0;     // scene to device noise
-  double reverb = 0.3;     // 0 = dry, up to ~0.6
-  double delayMs = 10.0;   // propagation from the sound to this device
-  bool bandLimited = true; // a phone microphone: 200 Hz to 3400 Hz
+  double gain = 1.0;        // linear
+  double snrDb = 20.0;      // scene to device noise
+  double reverb = 0.3;      // 0 = dry, up to ~0.6
+  double delayMs = 10.0;    // propagation from the sound to this device
+  bool bandLimited = true;  // a phone microphone: 200 Hz to 3400 Hz
   uint32_t seed = 1;
 };
 Signal hear(const Signal& scene, const DeviceChannel& channel);
