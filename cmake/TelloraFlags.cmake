@@ -18,3 +18,18 @@ elseif(TELLORA_SANITIZE STREQUAL "thread")
 elseif(NOT TELLORA_SANITIZE STREQUAL "")
   message(FATAL_ERROR "TELLORA_SANITIZE must be address, thread or empty")
 endif()
+
+# Fuzzing build: every object gets coverage instrumentation, ASan and UBSan; only
+# the fuzzers in fuzz/ link the libFuzzer driver (-fsanitize=fuzzer).
+if(TELLORA_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang" OR NOT CMAKE_C_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "TELLORA_FUZZ needs clang: configure with CC=clang CXX=clang++")
+  endif()
+  if(NOT TELLORA_SANITIZE STREQUAL "")
+    message(FATAL_ERROR "TELLORA_FUZZ brings its own sanitizers; leave TELLORA_SANITIZE empty")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer
+                      -fsanitize-coverage-ignorelist=${PROJECT_SOURCE_DIR}/fuzz/coverage_ignorelist.txt)
+  add_link_options(-fsanitize=address,undefined -fno-sanitize-recover=all)
+endif()

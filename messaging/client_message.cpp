@@ -50,6 +50,10 @@ std::optional<std::string> TLRClientMessage::messageData() {
   }
 }
 
+void resetMessageIDCounterForTesting(int64_t next) {
+  nextMessageID.store(next);
+}
+
 std::string TLRClientMessage::description() const {
   std::string text = "<";
   text += className();

@@ -80,4 +80,8 @@ class TLRClientMessage {
   double sendTimeInterval_ = 0;
 };
 
+// Makes `next` the id of the next message to be serialised. Internal; for tests
+// and fuzzing, which need the same ids in every run.
+void resetMessageIDCounterForTesting(int64_t next = 0);
+
 }  // namespace tellora

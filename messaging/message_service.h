@@ -120,6 +120,12 @@ class TLRMessageService : public TLRTransportDelegate,
   }
   TLRTransport& transport() { return *transport_; }
   const MessageList& sendedMessages() const { return sendedMessages_; }
+  // Lists `message` as sent and unanswered without handing it to the transport,
+  // so that replies can be driven without a connection. Internal; for tests and
+  // fuzzing (set the message's id and send time first).
+  void addPendingMessageForTesting(std::shared_ptr<TLRClientMessage> message) {
+    sendedMessages_.push_back(std::move(message));
+  }
   const OpenedCallback& connectionOpenedCallback() const { return connectionOpenedCallback_; }
   void setConnectionOpenedCallback(OpenedCallback callback) {
     connectionOpenedCallback_ = std::move(callback);
