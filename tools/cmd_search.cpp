@@ -35,6 +35,7 @@ struct SearchOptions {
   std::string defaults;
   std::string appVersion;
   bool debug = false;
+  int restartOnStop = 0;
 };
 
 // What the SDK's threads tell the waiting main thread.
@@ -110,13 +111,16 @@ int search(const SearchOptions& o) {
 
   std::signal(SIGINT, onSignal);
   std::signal(SIGTERM, onSignal);
-  TLRTellora::startSearchingWithPayload(
-      o.payload,
-      [] {
-        emit({{"event", "searchStarted"}});
-      },
-      [](const TLRClient& c) { emit(clientEvent("clientFound", c)); },
-      [](const TLRClient& c) { emit(clientEvent("clientLost", c)); }, onStopped);
+  auto startSearch = [&] {
+    TLRTellora::startSearchingWithPayload(
+        o.payload,
+        [] {
+          emit({{"event", "searchStarted"}});
+        },
+        [](const TLRClient& c) { emit(clientEvent("clientFound", c)); },
+        [](const TLRClient& c) { emit(clientEvent("clientLost", c)); }, onStopped);
+  };
+  startSearch();
 
   // Wait for the duration or a signal. Without a duration a search that ends
   // by itself also ends the run: nothing else would happen.
@@ -125,10 +129,23 @@ int search(const SearchOptions& o) {
                             ? Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                                  std::chrono::duration<double>(o.duration))
                             : Clock::time_point::max();
+  // A stop the SDK makes by itself (a dropped connection, a failed recorder)
+  // is answered with a new search, as a host app would, up to --restart-on-stop times.
+  int restartsLeft = o.restartOnStop;
   {
     std::unique_lock<std::mutex> lock(events->mutex);
+    int stopsAnswered = 0;
     while (pendingSignal == 0 && Clock::now() < deadline) {
-      if (o.duration <= 0 && events->stops > 0) break;
+      if (events->stops > stopsAnswered && restartsLeft > 0) {
+        stopsAnswered = events->stops;
+        --restartsLeft;
+        lock.unlock();
+        emit({{"event", "searchRestarting"}});
+        startSearch();
+        lock.lock();
+        continue;
+      }
+      if (o.duration <= 0 && events->stops > stopsAnswered) break;
       events->changed.wait_for(lock, std::chrono::milliseconds(50));
     }
   }
@@ -157,7 +174,8 @@ void addSearchCommand(CLI::App& app) {
       "search",
       "Search for nearby devices that hear the same sound. Prints one JSON object per line on "
       "stdout for every event (searchStarted, clientFound, clientLost, searchStopped, "
-      "speedStatus). Exit status 0 after a stop without error, 1 after a stop with an error.");
+      "speedStatus, searchRestarting). Exit status 0 after a stop without error, 1 after a stop "
+      "with an error.");
   auto* apiKey = cmd->add_option("--api-key", o->apiKey, "Use the default endpoints with this key");
   auto* reg = cmd->add_option("--register-url", o->registerUrl, "Registration endpoint URL");
   auto* ws = cmd->add_option("--ws-url", o->wsUrl, "WebSocket endpoint URL (ws:// or wss://)");
@@ -176,6 +194,9 @@ void addSearchCommand(CLI::App& app) {
   cmd->add_option("--defaults", o->defaults, "User-defaults file for this run");
   cmd->add_option("--app-version", o->appVersion, "Host application version sent to the server");
   cmd->add_flag("--debug", o->debug, "Turn the SDK's debug logging on");
+  cmd->add_option("--restart-on-stop", o->restartOnStop,
+                  "Start the search again after a stop the SDK made by itself, up to N times")
+      ->check(CLI::NonNegativeNumber);
   cmd->callback([o] {
     if (o->apiKey.empty() && o->registerUrl.empty())
       throw InputError(

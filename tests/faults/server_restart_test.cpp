@@ -1,0 +1,178 @@
+// The server process dies hard (SIGKILL) in the middle of a search and comes
+// back on the same port and database. Two `tellora search` hosts that restart
+// their search after a stop must find each other again under the identities
+// they already had, without crashing or piling up threads.
+#include <gtest/gtest.h>
+
+#include <sndfile.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "runtime/user_defaults.h"
+#include "tests/faults/process_waits.h"
+#include "tests/tools/scratch_dir.h"
+#include "tests/tools/test_audio.h"
+#include "tools/scenes/scene_audio.h"
+
+namespace tellora::faults {
+namespace {
+
+using nlohmann::json;
+using std::chrono::seconds;
+
+constexpr const char* kApp = "7:restart-secret";
+
+std::vector<json> eventsOf(const std::string& output) {
+  std::vector<json> events;
+  std::size_t start = 0;
+  for (std::size_t end; (end = output.find('\n', start)) != std::string::npos; start = end + 1) {
+    auto event = json::parse(output.substr(start, end - start), nullptr, false);
+    if (event.is_object()) events.push_back(std::move(event));
+  }
+  return events;
+}
+
+// Events named `kind` that come after the `nth` (1-based) "searchRestarting";
+// with nth 0, all of them.
+std::vector<json> eventsAfterRestart(const std::string& output, const std::string& kind, int nth) {
+  std::vector<json> found;
+  int restarts = 0;
+  for (const auto& e : eventsOf(output)) {
+    if (e["event"] == "searchRestarting") ++restarts;
+    if (restarts >= nth && e["event"] == kind) found.push_back(e);
+  }
+  return found;
+}
+
+std::string identityOf(const std::string& defaultsFile) {
+  UserDefaults defaults(defaultsFile);
+  return defaults.stringForKey("TLRUserDefaultsClientID").value_or("");
+}
+
+class ServerKilledMidSearch : public ::testing::Test {
+ protected:
+  std::unique_ptr<BackgroundProcess> startServer(uint16_t port) {
+    auto server = std::make_unique<BackgroundProcess>(
+        TELLORA_SERVER_PATH,
+        std::vector<std::string>{"--bind", "127.0.0.1", "--port", std::to_string(port), "--db",
+                                 dir.file("clients.db"), "--app", kApp},
+        dir.path(), "server-" + std::to_string(++serverRuns));
+    const bool listening =
+        waitUntil([&] { return listeningPort(server->out()) != 0; }, seconds(10));
+    EXPECT_TRUE(listening) << server->err();
+    return server;
+  }
+
+  std::vector<std::string> hostArgs(const std::string& name, uint16_t port) {
+    const std::string base = "127.0.0.1:" + std::to_string(port);
+    return {"search",
+            "--register-url",
+            "http://" + base + "/register",
+            "--ws-url",
+            "ws://" + base + "/ws",
+            "--app-id",
+            "7",
+            "--app-secret",
+            "restart-secret",
+            "--payload",
+            name,
+            "--input",
+            dir.file(name + ".wav"),
+            "--loop",
+            "--defaults",
+            dir.file(name + ".json")};
+  }
+
+  // A first short run registers the host, so the search under test starts on
+  // a stored identity, as on every launch of an app but the first.
+  void registerHost(const std::string& name, uint16_t port) {
+    auto args = hostArgs(name, port);
+    args.insert(args.end(), {"--duration", "1"});
+    BackgroundProcess run(TELLORA_CLI_PATH, args, dir.path(), name + "-registration");
+    EXPECT_EQ(run.waitExit(seconds(10)), 0) << run.err();
+  }
+
+  std::unique_ptr<BackgroundProcess> startHost(const std::string& name, uint16_t port) {
+    auto args = hostArgs(name, port);
+    args.insert(args.end(), {"--restart-on-stop", "1"});
+    return std::make_unique<BackgroundProcess>(TELLORA_CLI_PATH, args, dir.path(), name);
+  }
+
+  testtools::ScratchDir dir;
+  int serverRuns = 0;
+};
+
+TEST_F(ServerKilledMidSearch, HostsRestartTheSearchAndFindEachOtherAgainUnderTheSameIdentity) {
+  // Two devices in one room, as in the plain end-to-end search.
+  const scenes::Signal talkerA = scenes::randomTalker(101, 5);
+  if (talkerA.empty()) GTEST_SKIP() << "espeak-ng is not available";
+  const auto room = scenes::makeRoom(11, 16, {talkerA, scenes::randomTalker(202, 5)});
+  testaudio::writeItems(dir.file("alice.wav"),
+                        scenes::toItems(scenes::hear(room.scene, {1.0, 25, 0.2, 5, true, 1})), 1,
+                        scenes::kRate, SF_FORMAT_WAV);
+  testaudio::writeItems(dir.file("bob.wav"),
+                        scenes::toItems(scenes::hear(room.scene, {0.6, 18, 0.35, 20, true, 2})), 1,
+                        scenes::kRate, SF_FORMAT_WAV);
+
+  auto server = startServer(0);
+  const uint16_t port = listeningPort(server->out());
+  ASSERT_NE(port, 0);
+  registerHost("alice", port);
+  registerHost("bob", port);
+  auto alice = startHost("alice", port);
+  auto bob = startHost("bob", port);
+  auto bothFound = [&](int afterRestart) {
+    return !eventsAfterRestart(alice->out(), "clientFound", afterRestart).empty() &&
+           !eventsAfterRestart(bob->out(), "clientFound", afterRestart).empty();
+  };
+  ASSERT_TRUE(waitUntil([&] { return bothFound(0); }, seconds(25)))
+      << alice->out() << bob->out() << server->err();
+  const std::string aliceId = identityOf(dir.file("alice.json"));
+  const std::string bobId = identityOf(dir.file("bob.json"));
+  ASSERT_FALSE(aliceId.empty());
+  ASSERT_FALSE(bobId.empty());
+  const long aliceThreads = alice->threadCount(), bobThreads = bob->threadCount();
+
+  server->signal(SIGKILL);
+  server->waitExit(seconds(5));
+  // The dropped connection stops each search; the host starts it again at once
+  // and the SDK keeps trying to reach the server in the background.
+  ASSERT_TRUE(waitUntil(
+      [&] {
+        return !eventsAfterRestart(alice->out(), "searchRestarting", 0).empty() &&
+               !eventsAfterRestart(bob->out(), "searchRestarting", 0).empty();
+      },
+      seconds(5)))
+      << alice->out() << bob->out();
+  server = startServer(port);
+
+  EXPECT_TRUE(waitUntil([&] { return bothFound(1); }, seconds(30)))
+      << alice->out() << bob->out() << server->err();
+  EXPECT_EQ(alice->threadCount(), aliceThreads);
+  EXPECT_EQ(bob->threadCount(), bobThreads);
+
+  alice->signal(SIGTERM);
+  bob->signal(SIGTERM);
+  EXPECT_EQ(alice->waitExit(seconds(5)), 0) << alice->err();
+  EXPECT_EQ(bob->waitExit(seconds(5)), 0) << bob->err();
+
+  for (const auto* host : {alice.get(), bob.get()}) {
+    // The drop is a close without a server close code: the stop carries no error.
+    const auto stops = eventsAfterRestart(host->out(), "searchStopped", 0);
+    ASSERT_FALSE(stops.empty()) << host->out();
+    EXPECT_TRUE(stops.front()["error"].is_null()) << host->out();
+    EXPECT_EQ(eventsAfterRestart(host->out(), "searchStarted", 1).size(), 1u) << host->out();
+  }
+  // Same identities, and each is told about the other under the known id.
+  EXPECT_EQ(identityOf(dir.file("alice.json")), aliceId);
+  EXPECT_EQ(identityOf(dir.file("bob.json")), bobId);
+  EXPECT_EQ(eventsAfterRestart(alice->out(), "clientFound", 1).front()["clientId"], bobId);
+  EXPECT_EQ(eventsAfterRestart(bob->out(), "clientFound", 1).front()["clientId"], aliceId);
+}
+
+}  // namespace
+}  // namespace tellora::faults

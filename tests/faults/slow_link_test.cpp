@@ -1,0 +1,159 @@
+// A link that stops carrying replies, through a loopback proxy in front of the
+// real server. The SDK warns the host ("low"), restarts the transport while
+// replies keep taking more than 25 s, and after the sixth restart request
+// gives up, reporting 103. A clock that jumps 30 s at every reading makes each
+// reply "take" that long without the test waiting for it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "facade/tellora_impl.h"
+#include "runtime/clock.h"
+#include "runtime/event_loop.h"
+#include "runtime/user_defaults.h"
+#include "server/server.h"
+#include "tellora/host_fed_audio.h"
+#include "tellora/logging.h"
+#include "tellora/notifications.h"
+#include "tellora/tellora.h"
+#include "tests/faults/host_log.h"
+#include "tests/faults/process_waits.h"
+#include "tests/support/tcp_proxy.h"
+#include "tests/tools/scratch_dir.h"
+
+namespace tellora::faults {
+namespace {
+
+using namespace std::chrono_literals;
+
+// The system clock, until told to jump: from then on every reading is 30 s
+// later than the one before, so every reply is measured as a slow one.
+class JumpingClock : public Clock {
+ public:
+  double wallSeconds() override {
+    const double jumped = jumps_.fetch_add(jumping_ ? 1 : 0) * 30.0;
+    return system_.wallSeconds() + jumped;
+  }
+  double monotonicTicks() override { return system_.monotonicTicks(); }
+  void startJumping() { jumping_ = true; }
+
+ private:
+  Clock& system_ = clock();
+  std::atomic<bool> jumping_{false};
+  std::atomic<long> jumps_{0};
+};
+
+class SlowLink : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    UserDefaults::setStandardPath(dir.file("defaults.json"));
+    EventLoop::main().call([&] { setClockForTesting(&jumpingClock); });
+    auto log = host;
+    TLRSetLogSink([log](std::string_view line) { log->logLine(std::string(line)); });
+    speedObserver = TLRNotificationCenter::defaultCenter().addObserver(
+        TLRTelloraNetworkSpeedStatusChanged, [log](const TLRNotification& n) {
+          auto status = n.userInfo.find("speedStatus");
+          if (status == n.userInfo.end()) return;
+          if (const auto* text = std::get_if<std::string>(&status->second)) log->speedStatus(*text);
+        });
+
+    server::ServerOptions options;
+    options.port = 0;
+    options.databasePath = ":memory:";
+    server = std::make_unique<server::Server>(options);
+    server->start();
+    proxy = std::make_unique<testing::TcpProxy>(server->port());
+
+    TLRTelloraConfiguration c;
+    c.registrationServerURL = "http://127.0.0.1:" + std::to_string(server->port()) + "/register";
+    c.websocketServerURL = "ws://127.0.0.1:" + std::to_string(proxy->port()) + "/ws";
+    c.appID = 7;
+    c.appSecret = "slow-link";
+    c.audioSourceFactory = audio->sourceFactory();
+    facade = EventLoop::main().call([&, log] {
+      auto created = TLRTelloraImpl::create();
+      // Checks the link ten times a second; retries a failed open quickly.
+      created->setTimings(100ms, 300ms, 50ms);
+      created->setHostCallbacks([log] { log->started(); }, nullptr, nullptr,
+                                [log](const std::optional<TLRError>& e) { log->stopped(e); });
+      created->setConfiguration(c);
+      return created;
+    });
+  }
+
+  void TearDown() override {
+    EventLoop::main().call([&] {
+      facade->disconnect();
+      facade.reset();
+    });
+    proxy.reset();
+    server->stop();
+    EventLoop::main().drain();
+    EventLoop::main().drain();
+    TLRNotificationCenter::defaultCenter().removeObserver(speedObserver);
+    TLRSetLogSink({});
+    EventLoop::main().call([] { setClockForTesting(nullptr); });
+  }
+
+  int64_t telloraState() {
+    return EventLoop::main().call([&] { return facade->telloraState(); });
+  }
+
+  testtools::ScratchDir dir;
+  JumpingClock jumpingClock;
+  std::shared_ptr<HostLog> host = std::make_shared<HostLog>();
+  TLRNotificationCenter::ObserverToken speedObserver = 0;
+  std::unique_ptr<server::Server> server;
+  std::unique_ptr<testing::TcpProxy> proxy;
+  std::shared_ptr<TLRHostFedAudio> audio = TLRHostFedAudio::create();
+  std::shared_ptr<TLRTelloraImpl> facade;
+};
+
+TEST_F(SlowLink, StalledRepliesWarnLowThenRestartsEndInGiveUp103) {
+  ASSERT_TRUE(waitUntil([&] { return telloraState() == TLRTelloraStateConnected; }, 10s));
+  ASSERT_EQ(proxy->acceptedConnections(), 1u);
+
+  // Nothing comes back: the search's first request ages past a second.
+  proxy->stall();
+  EventLoop::main().call([&] { facade->startSearchingWithPayload("stalled"); });
+  ASSERT_TRUE(waitUntil(
+      [&] {
+        const auto statuses = host->speedStatuses();
+        return std::find(statuses.begin(), statuses.end(), "low") != statuses.end();
+      },
+      5s));
+  // An overdue request holds the restart back, however long it waits.
+  EXPECT_EQ(host->countLog("Tellora reconnect"), 0u);
+  EXPECT_EQ(proxy->acceptedConnections(), 1u);
+  EXPECT_EQ(host->startedCount(), 0);
+
+  // The replies arrive, each 30 s late; a second start adds three more. From
+  // five slow replies on, each restart's clock measurement keeps the count up.
+  jumpingClock.startJumping();
+  proxy->resume();
+  ASSERT_TRUE(waitUntil([&] { return host->startedCount() == 1; }, 5s));
+  EventLoop::main().call([&] {
+    facade->stopSearching();
+    facade->startSearchingWithPayload("slow");
+  });
+
+  ASSERT_TRUE(waitUntil([&] { return !host->stopsWithCode(103).empty(); }, 20s))
+      << host->countLog("Tellora reconnect") << " restarts, " << proxy->acceptedConnections()
+      << " connections";
+  const auto giveUp = host->stopsWithCode(103).front().error;
+  EXPECT_EQ(giveUp->domain, "com.tellora.quillmark.ErrorDomain");
+  EXPECT_EQ(host->countLog("Tellora reconnect"), 5u);
+  // The first connection and one per restart; none after the give-up.
+  std::this_thread::sleep_for(1s);
+  EXPECT_EQ(proxy->acceptedConnections(), 6u);
+  EXPECT_EQ(host->stopsWithCode(103).size(), 1u);
+  EXPECT_EQ(telloraState(), TLRTelloraStateDisconnected);
+}
+
+}  // namespace
+}  // namespace tellora::faults
