@@ -245,7 +245,10 @@ TEST_F(ServerUnderFlood, KeepsServingAndItsMemoryStaysBounded) {
   // 1000 connections may cost up to 64 kB each while open...
   EXPECT_LT(afterRoundKb[0] - baselineKb, 64 * 1000);
   // ...but what the first flood cost is reused by the second, not added to.
+  // (AddressSanitizer holds freed memory in quarantine, so not there.)
+#if !defined(__SANITIZE_ADDRESS__)
   EXPECT_LT(afterRoundKb[1] - afterRoundKb[0], 8 * 1024);
+#endif
   EXPECT_TRUE(clientIsServed());
 }
 

@@ -26,7 +26,7 @@ cmake --build "$work/cmake-build" >/dev/null
 
 # pkg-config, plain C compiler
 export PKG_CONFIG_PATH=$(dirname "$lib")/pkgconfig
-cc -std=c99 -Wall -Werror "$src/consumer.c" $(pkg-config --cflags --libs tellora) \
-   -Wl,-rpath,"$(dirname "$lib")" -o "$work/consumer_pkgconfig"
+cc -std=c99 -Wall -Werror ${CFLAGS:-} "$src/consumer.c" $(pkg-config --cflags --libs tellora) \
+   ${LDFLAGS:-} -Wl,-rpath,"$(dirname "$lib")" -o "$work/consumer_pkgconfig"
 "$work/consumer_pkgconfig"
 echo "install consumer: ok"
