@@ -22,6 +22,18 @@ std::string fingerprintFromWords(std::span<const uint32_t> words) {
   return base64Encode(bytes);
 }
 
+std::optional<std::vector<uint32_t>> wordsFromFingerprint(std::string_view fingerprint) {
+  const auto bytes = base64Decode(fingerprint);
+  if (!bytes || bytes->size() % 4 != 0) return std::nullopt;
+  std::vector<uint32_t> words;
+  words.reserve(bytes->size() / 4);
+  for (size_t i = 0; i < bytes->size(); i += 4) {
+    words.push_back(uint32_t{(*bytes)[i]} | uint32_t{(*bytes)[i + 1]} << 8 |
+                    uint32_t{(*bytes)[i + 2]} << 16 | uint32_t{(*bytes)[i + 3]} << 24);
+  }
+  return words;
+}
+
 std::string fingerprintOfPart(std::span<const int16_t> items, int32_t sampleRate) {
   std::vector<float> samples(items.size());
   pcmItemsToFloats(items.data(), items.size(), samples.data());

@@ -5,16 +5,11 @@
 #include <variant>
 
 #include "registration/http_error.h"
+#include "runtime/endpoint_url.h"
 
 namespace tellora {
 
-struct HttpEndpoint {
-  bool secure = false;
-  std::string host;        // name or address, without IPv6 brackets
-  std::string port;        // explicit or the scheme's default
-  std::string hostHeader;  // value of the Host field: host, plus ":port" when the URL names one
-  std::string target;      // path and query, "/" at least; never the fragment
-};
+using HttpEndpoint = EndpointUrl;
 
 // The endpoint, or BadURL (unparseable, no host, port 0) / UnsupportedURL
 // (any scheme but http and https).

@@ -3,15 +3,13 @@
 #include <cmath>
 #include <exception>
 
-#include "fingerprint/base64.h"
+#include "fingerprint/part_fingerprint.h"
+#include "messaging/client_message.h"
 #include "server/json_input.h"
 
 namespace tellora::server {
 
 namespace {
-
-constexpr int kFoundPushType = 102;
-constexpr int kLostPushType = 103;
 
 HandledRequest ignore(Ignored reason) {
   HandledRequest handled;
@@ -54,15 +52,11 @@ std::optional<FingerprintAdded> fingerprintAdded(const nlohmann::json* data) {
   if (!std::isfinite(start)) return std::nullopt;
   const auto& text = fp->get_ref<const std::string&>();
   if (text.size() > (kMaxFingerprintWords * 4 + 2) / 3 * 4) return std::nullopt;
-  const auto bytes = base64Decode(text);
-  if (!bytes || bytes->size() % 4 != 0) return std::nullopt;
+  auto words = wordsFromFingerprint(text);
+  if (!words) return std::nullopt;
   FingerprintAdded added;
   added.stimeMs = start;
-  added.words.reserve(bytes->size() / 4);
-  for (size_t i = 0; i < bytes->size(); i += 4) {
-    added.words.push_back(uint32_t{(*bytes)[i]} | uint32_t{(*bytes)[i + 1]} << 8 |
-                          uint32_t{(*bytes)[i + 2]} << 16 | uint32_t{(*bytes)[i + 3]} << 24);
-  }
+  added.words = std::move(*words);
   return added;
 }
 
@@ -79,28 +73,28 @@ HandledRequest handle(std::string_view frame, const RequestContext& context) {
   HandledRequest handled;
   nlohmann::json reply = replyFor(*id);
   switch (*type) {
-    case static_cast<int>(RequestType::setMode): {
+    case TLRMessageTypeSetMode: {
       auto change = modeChange(data);
       if (!change) return ignore(Ignored::malformedData);
       handled.change = *change;
       break;
     }
-    case static_cast<int>(RequestType::setPayload): {
+    case TLRMessageTypeSetPayload: {
       auto change = payloadChange(data);
       if (!change) return ignore(Ignored::malformedData);
       handled.change = std::move(*change);
       break;
     }
-    case static_cast<int>(RequestType::getAllNearby): {
+    case TLRMessageTypeGetAllNearby: {
       nlohmann::json nearby = context.nearby ? context.nearby() : nlohmann::json::array();
       reply["data"] = {{"nearby", std::move(nearby)}};
       break;
     }
-    case static_cast<int>(RequestType::getTime):
+    case TLRMessageTypeGetTime:
       // Any "data" (the client echoes its record of the last reply) is ignored.
       reply["data"] = {{"time", context.nowMs}};
       break;
-    case static_cast<int>(RequestType::addFingerprint): {
+    case TLRMessageTypeAddFingerprint: {
       auto change = fingerprintAdded(data);
       if (!change) return ignore(Ignored::malformedData);
       if (change->stimeMs > context.nowMs + kMaxFingerprintLeadMs ||
@@ -111,7 +105,7 @@ HandledRequest handle(std::string_view frame, const RequestContext& context) {
       }
       break;
     }
-    case static_cast<int>(RequestType::setEnvironment):
+    case TLRMessageTypeSetEnvironment:
       break;
     default:
       return ignore(Ignored::unknownType);
@@ -148,12 +142,12 @@ HandledRequest handleRequest(std::string_view frame, const RequestContext& conte
 }
 
 std::string foundPush(const std::string& clientId, const nlohmann::json& payload) {
-  return dumpJson(
-      {{"type", kFoundPushType}, {"data", {{"clientId", clientId}, {"payload", payload}}}});
+  return dumpJson({{"type", TLRMessageTypeNearbyAdded},
+                   {"data", {{"clientId", clientId}, {"payload", payload}}}});
 }
 
 std::string lostPush(const std::string& clientId) {
-  return dumpJson({{"type", kLostPushType}, {"data", {{"clientId", clientId}}}});
+  return dumpJson({{"type", TLRMessageTypeNearbyRemoved}, {"data", {{"clientId", clientId}}}});
 }
 
 }  // namespace tellora::server

@@ -15,16 +15,6 @@
 
 namespace tellora::server {
 
-// Request types on the wire.
-enum class RequestType : int {
-  setMode = 0,
-  setPayload = 1,
-  getAllNearby = 2,
-  getTime = 3,
-  addFingerprint = 4,
-  setEnvironment = 5,
-};
-
 // The client mode of a running search.
 constexpr int64_t kSearchMode = 3;
 

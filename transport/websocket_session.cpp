@@ -9,7 +9,6 @@
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
-#include <boost/url/parse.hpp>
 
 #include <chrono>
 #include <deque>
@@ -307,40 +306,9 @@ class BasicWebSocketSession final
 }  // namespace
 
 std::optional<WebSocketEndpoint> parseWebSocketUrl(const std::string& url) {
-  auto parsed = boost::urls::parse_uri(url);
-  if (!parsed) return std::nullopt;
-  const boost::urls::url_view& view = *parsed;
-  WebSocketEndpoint endpoint;
-  switch (view.scheme_id()) {
-    case boost::urls::scheme::ws:
-    case boost::urls::scheme::http:
-      endpoint.secure = false;
-      break;
-    case boost::urls::scheme::wss:
-    case boost::urls::scheme::https:
-      endpoint.secure = true;
-      break;
-    default:
-      return std::nullopt;
-  }
-  endpoint.host = view.host_address();
-  if (endpoint.host.empty()) return std::nullopt;
-  // After an authority the path must be empty or start with "/". Checked here
-  // because the parser reads "host:http/ws" as an empty port and a path "http/ws".
-  const std::string_view path = view.encoded_path();
-  if (!path.empty() && path.front() != '/') return std::nullopt;
-  if (view.has_port() && !view.port().empty()) {
-    if (view.port_number() == 0) return std::nullopt;
-    endpoint.port = std::to_string(view.port_number());
-  } else {
-    endpoint.port = endpoint.secure ? "443" : "80";
-  }
-  const bool ipv6 = view.host_type() == boost::urls::host_type::ipv6;
-  endpoint.hostHeader = ipv6 ? "[" + endpoint.host + "]" : endpoint.host;
-  if (view.has_port() && !view.port().empty()) endpoint.hostHeader += ":" + endpoint.port;
-  endpoint.target = view.encoded_target();
-  if (endpoint.target.empty() || endpoint.target.front() != '/') endpoint.target.insert(0, "/");
-  return endpoint;
+  auto parsed = parseEndpointUrl(url, /*acceptWebSocketSchemes=*/true);
+  if (auto* endpoint = std::get_if<EndpointUrl>(&parsed)) return std::move(*endpoint);
+  return std::nullopt;
 }
 
 std::shared_ptr<WebSocketSession> WebSocketSession::create(

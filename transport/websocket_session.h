@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "runtime/endpoint_url.h"
 #include "tellora/error.h"
 #include "transport/transport.h"
 
@@ -48,13 +49,8 @@ struct WebSocketRequest {
 };
 
 // Where a URL points, or nullopt for a URL the session cannot use.
-struct WebSocketEndpoint {
-  bool secure = false;
-  std::string host;        // name or address, without IPv6 brackets
-  std::string port;        // explicit or the scheme's default
-  std::string hostHeader;  // value of the Host field
-  std::string target;      // path and query, "/" at least
-};
+// (http and https name the same endpoints as ws and wss.)
+using WebSocketEndpoint = EndpointUrl;
 std::optional<WebSocketEndpoint> parseWebSocketUrl(const std::string& url);
 
 // Created, opened, used and closed on the thread running `context`.
