@@ -1,13 +1,11 @@
 // What the recorder tests share: a scripted audio source, a delegate that
-// keeps what it receives, a log of the recorder's notifications, and running
-// code on the SDK's loop.
+// keeps what it receives, a log of the recorder's notifications, and a
+// recorder living on the SDK's loop.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -19,13 +17,14 @@
 #include "runtime/event_loop.h"
 #include "tellora/audio_source.h"
 #include "tellora/notifications.h"
+#include "tests/runtime/runtime_sandbox.h"
 
 namespace tellora::audiotest {
 
 using SteadyTime = std::chrono::steady_clock::time_point;
+using testing::Recorded;
 
-// Waits on a condition under a mutex, with a deadline far beyond any expected
-// delay: the deadline only turns a hang into a failure.
+// Far beyond any expected delay: only turns a hang into a failure.
 inline constexpr auto kPatience = std::chrono::seconds(20);
 
 // A backend the test steers: start results come from a script (success once
@@ -33,62 +32,38 @@ inline constexpr auto kPatience = std::chrono::seconds(20);
 // newest source, from whatever thread it likes.
 class FakeAudioBackend : public std::enable_shared_from_this<FakeAudioBackend> {
  public:
-  static std::shared_ptr<FakeAudioBackend> create() {
-    return std::shared_ptr<FakeAudioBackend>(new FakeAudioBackend());
-  }
+  struct State {
+    std::deque<TLRAudioStartResult> script;
+    std::optional<std::chrono::milliseconds> stallTimeout;
+    std::optional<TLRAudioSourceFormat> lastFormat;
+    std::vector<SteadyTime> startTimes;
+    TLRAudioSource::BlockSink sink;  // of the newest started source, even once stopped
+    int sourcesMade = 0;
+    int stops = 0;
+    bool running = false;
+  };
 
-  void scriptStarts(std::vector<TLRAudioStartResult> results) {
+  // Reads or changes the state under the lock.
+  template <class F>
+  auto with(F f) {
     std::lock_guard lock(mutex_);
-    script_.assign(results.begin(), results.end());
+    return f(state_);
   }
-  void setStallTimeout(std::optional<std::chrono::milliseconds> timeout) {
-    std::lock_guard lock(mutex_);
-    stallTimeout_ = timeout;
+  State state() {
+    return with([](State& s) { return s; });
   }
 
   TLRAudioSourceFactory factory() {
     return [backend = shared_from_this()] {
-      {
-        std::lock_guard lock(backend->mutex_);
-        ++backend->sourcesMade_;
-      }
+      backend->with([](State& s) { ++s.sourcesMade; });
       return std::make_unique<Source>(backend);
     };
   }
-
-  // Delivers through the sink of the newest started source, even if it has
-  // been stopped since (a block that was already on its way). False when no
-  // source ever started.
+  // False when no source ever started.
   bool deliver(const std::vector<int16_t>& items, double firstItemTicks) {
-    TLRAudioSource::BlockSink sink;
-    {
-      std::lock_guard lock(mutex_);
-      sink = sink_;
-    }
-    if (!sink) return false;
-    sink(items.data(), static_cast<uint32_t>(items.size()), firstItemTicks);
-    return true;
-  }
-
-  int sourcesMade() const {
-    std::lock_guard lock(mutex_);
-    return sourcesMade_;
-  }
-  int stops() const {
-    std::lock_guard lock(mutex_);
-    return stops_;
-  }
-  std::vector<SteadyTime> startTimes() const {
-    std::lock_guard lock(mutex_);
-    return startTimes_;
-  }
-  std::optional<TLRAudioSourceFormat> lastFormat() const {
-    std::lock_guard lock(mutex_);
-    return lastFormat_;
-  }
-  bool running() const {
-    std::lock_guard lock(mutex_);
-    return running_;
+    const auto sink = state().sink;
+    if (sink) sink(items.data(), static_cast<uint32_t>(items.size()), firstItemTicks);
+    return static_cast<bool>(sink);
   }
 
  private:
@@ -96,45 +71,37 @@ class FakeAudioBackend : public std::enable_shared_from_this<FakeAudioBackend> {
    public:
     explicit Source(std::shared_ptr<FakeAudioBackend> backend) : backend_(std::move(backend)) {}
     TLRAudioStartResult start(const TLRAudioSourceFormat& format, BlockSink sink) override {
-      std::lock_guard lock(backend_->mutex_);
-      backend_->startTimes_.push_back(std::chrono::steady_clock::now());
-      backend_->lastFormat_ = format;
-      TLRAudioStartResult result = TLRAudioStartResult::success();
-      if (!backend_->script_.empty()) {
-        result = backend_->script_.front();
-        backend_->script_.pop_front();
-      }
-      if (result.ok()) {
-        backend_->sink_ = std::move(sink);
-        backend_->running_ = true;
-      }
-      return result;
+      return backend_->with([&](State& s) {
+        s.startTimes.push_back(std::chrono::steady_clock::now());
+        s.lastFormat = format;
+        TLRAudioStartResult result = TLRAudioStartResult::success();
+        if (!s.script.empty()) {
+          result = s.script.front();
+          s.script.pop_front();
+        }
+        if (result.ok()) {
+          s.sink = std::move(sink);
+          s.running = true;
+        }
+        return result;
+      });
     }
     void stop() override {
-      std::lock_guard lock(backend_->mutex_);
-      ++backend_->stops_;
-      backend_->running_ = false;
+      backend_->with([](State& s) {
+        ++s.stops;
+        s.running = false;
+      });
     }
     std::optional<std::chrono::milliseconds> stallTimeout() const override {
-      std::lock_guard lock(backend_->mutex_);
-      return backend_->stallTimeout_;
+      return backend_->with([](State& s) { return s.stallTimeout; });
     }
 
    private:
     std::shared_ptr<FakeAudioBackend> backend_;
   };
 
-  FakeAudioBackend() = default;
-
-  mutable std::mutex mutex_;
-  std::deque<TLRAudioStartResult> script_;
-  std::optional<std::chrono::milliseconds> stallTimeout_;
-  TLRAudioSource::BlockSink sink_;
-  std::optional<TLRAudioSourceFormat> lastFormat_;
-  std::vector<SteadyTime> startTimes_;
-  int sourcesMade_ = 0;
-  int stops_ = 0;
-  bool running_ = false;
+  std::mutex mutex_;
+  State state_;
 };
 
 struct ReceivedBlock {
@@ -146,44 +113,18 @@ struct ReceivedBlock {
 
 // Keeps a copy of every block (the recorder's pointer is valid only during
 // the call) and every error.
-class RecordingDelegate final : public TLRRecorderDelegate,
-                                public TLRRecorderErrorsHandlerDelegate {
- public:
+struct RecordingDelegate final : TLRRecorderDelegate, TLRRecorderErrorsHandlerDelegate {
   void audioDataReceived(const int16_t* data, uint32_t itemsCount, double time) override {
-    ReceivedBlock block{std::vector<int16_t>(data, data + itemsCount), time,
-                        EventLoop::main().isCurrent(), std::chrono::steady_clock::now()};
-    std::lock_guard lock(mutex_);
-    blocks_.push_back(std::move(block));
-    changed_.notify_all();
+    blocks.add({std::vector<int16_t>(data, data + itemsCount), time, EventLoop::main().isCurrent(),
+                std::chrono::steady_clock::now()});
   }
-  void recordStoppedWithError(const TLRError& error) override {
-    std::lock_guard lock(mutex_);
-    errors_.push_back(error);
-    changed_.notify_all();
-  }
-
+  void recordStoppedWithError(const TLRError& error) override { errors.add(error); }
   bool waitForBlocks(size_t count, std::chrono::milliseconds patience = kPatience) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, patience, [&] { return blocks_.size() >= count; });
-  }
-  bool waitForErrors(size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return errors_.size() >= count; });
-  }
-  std::vector<ReceivedBlock> blocks() const {
-    std::lock_guard lock(mutex_);
-    return blocks_;
-  }
-  std::vector<TLRError> errors() const {
-    std::lock_guard lock(mutex_);
-    return errors_;
+    return testing::waitUntil([&] { return blocks.size() >= count; }, patience);
   }
 
- private:
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<ReceivedBlock> blocks_;
-  std::vector<TLRError> errors_;
+  Recorded<ReceivedBlock> blocks;
+  Recorded<TLRError> errors;
 };
 
 // The recorder's notifications in the order they were posted, with the
@@ -197,17 +138,14 @@ class RecorderNotifications {
   };
 
   RecorderNotifications() {
-    auto& center = TLRNotificationCenter::defaultCenter();
     for (const char* name : {TLRAudioConnectSuccNotification, TLRAudioErrorNotification}) {
-      tokens_.push_back(center.addObserver(name, [this](const TLRNotification& n) {
-        std::string message;
-        if (auto it = n.userInfo.find("message"); it != n.userInfo.end()) {
-          if (const auto* text = std::get_if<std::string>(&it->second)) message = *text;
-        }
-        std::lock_guard lock(mutex_);
-        entries_.push_back({n.name, message, std::chrono::steady_clock::now()});
-        changed_.notify_all();
-      }));
+      tokens_.push_back(TLRNotificationCenter::defaultCenter().addObserver(
+          name, [entries = entries_](const TLRNotification& n) {
+            auto it = n.userInfo.find("message");
+            const auto* text =
+                it == n.userInfo.end() ? nullptr : std::get_if<std::string>(&it->second);
+            entries->add({n.name, text ? *text : "", std::chrono::steady_clock::now()});
+          }));
     }
   }
   ~RecorderNotifications() {
@@ -217,30 +155,16 @@ class RecorderNotifications {
   RecorderNotifications(const RecorderNotifications&) = delete;
   RecorderNotifications& operator=(const RecorderNotifications&) = delete;
 
-  bool waitForCount(const std::string& name, size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return countLocked(name) >= count; });
-  }
   size_t count(const std::string& name) const {
-    std::lock_guard lock(mutex_);
-    return countLocked(name);
+    return entries_->countIf([&](const Entry& e) { return e.name == name; });
   }
-  std::vector<Entry> entries() const {
-    std::lock_guard lock(mutex_);
-    return entries_;
+  bool waitForCount(const std::string& name, size_t count) const {
+    return testing::waitUntil([&] { return this->count(name) >= count; }, kPatience);
   }
+  std::vector<Entry> entries() const { return entries_->values(); }
 
  private:
-  size_t countLocked(const std::string& name) const {
-    size_t n = 0;
-    for (const auto& e : entries_)
-      n += e.name == name ? 1 : 0;
-    return n;
-  }
-
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Entry> entries_;
+  std::shared_ptr<Recorded<Entry>> entries_ = std::make_shared<Recorded<Entry>>();
   std::vector<TLRNotificationCenter::ObserverToken> tokens_;
 };
 
@@ -270,8 +194,14 @@ class LoopRecorder {
   bool isRec() {
     return run([](TLRRecorder& r) { return r.isRec(); });
   }
-  int64_t attemptCount() {
-    return run([](TLRRecorder& r) { return r.attemptCount(); });
+  // Blocks and errors go to `delegate`; retries are `unit` apart when given.
+  void report(const std::shared_ptr<RecordingDelegate>& delegate,
+              std::optional<std::chrono::milliseconds> unit = std::nullopt) {
+    run([&](TLRRecorder& r) {
+      r.setDelegate(delegate);
+      r.setErrorHandler(delegate);
+      if (unit) r.setRetryDelayUnit(*unit);
+    });
   }
 
  private:

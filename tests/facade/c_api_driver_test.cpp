@@ -2,34 +2,28 @@
 // loopback servers and checks both what it reported and what the servers saw.
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
-#include <filesystem>
-
 #include <nlohmann/json.hpp>
 
 #include "tests/facade/match_server.h"
 #include "tests/support/child_process.h"
 #include "tests/support/http_test_server.h"
+#include "tests/tools/scratch_dir.h"
 
 namespace tellora::facade_test {
 namespace {
 using testing::runChild;
-using testing::splitLines;
-
-namespace fs = std::filesystem;
 
 TEST(CApiTest, CHostSearchesFindsPushedClientAndStops) {
-  std::string folder = (fs::temp_directory_path() / "tellora-c-host-XXXXXX").string();
-  ASSERT_NE(mkdtemp(folder.data()), nullptr);
+  testtools::ScratchDir folder;
 
   testing::HttpTestServer registrar;
   registrar.setReply(testing::HttpReply::json(200, R"({"clientId":"c-id","clientSecret":"c-s"})"));
   MatchServer match;
   match.pushAfterNearbyRequest({MatchServer::foundPush("peer-1", "hello from peer")});
 
-  const auto run = runChild(FACADE_C_HOST_PATH, {registrar.url("/register"), match.url()},
-                            {{"TELLORA_DEFAULTS_PATH", folder + "/defaults.json"}}, folder);
+  const auto run =
+      runChild(FACADE_C_HOST_PATH, {registrar.url("/register"), match.url()},
+               {{"TELLORA_DEFAULTS_PATH", folder.file("defaults.json")}}, folder.path());
   EXPECT_FALSE(run.timedOut);
   EXPECT_EQ(run.exitCode, 0) << "stdout:\n" << run.out << "\nstderr:\n" << run.err;
   EXPECT_NE(run.out.find("c host: all checks passed"), std::string::npos);
@@ -46,8 +40,6 @@ TEST(CApiTest, CHostSearchesFindsPushedClientAndStops) {
   EXPECT_EQ(match.ws().log().upgrades[0].header("app_version"), "2.0");
   ASSERT_EQ(match.requestsOfType(1).size(), 1u);
   EXPECT_EQ(match.requestsOfType(1)[0]["data"], "c-payload");
-
-  fs::remove_all(folder);
 }
 
 }  // namespace

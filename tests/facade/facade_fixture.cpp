@@ -1,141 +1,55 @@
 #include "tests/facade/facade_fixture.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <cmath>
-#include <thread>
 
 #include "registration/device_info.h"
 #include "runtime/user_defaults.h"
-#include "tellora/logging.h"
 #include "transport/transport.h"
 
 namespace tellora::facade_test {
 
-namespace fs = std::filesystem;
-
-// --- HostEvents ----------------------------------------------------------------
-
-void HostEvents::started() {
-  std::lock_guard lock(mutex_);
-  ++started_;
-  order_.push_back("started");
-}
-
-void HostEvents::found(const TLRClient& client) {
-  std::lock_guard lock(mutex_);
-  found_.push_back({client.clientID(), client.payload()});
-  order_.push_back("found");
-}
-
-void HostEvents::lost(const TLRClient& client) {
-  std::lock_guard lock(mutex_);
-  lost_.push_back({client.clientID(), client.payload()});
-  order_.push_back("lost");
-}
-
-void HostEvents::stopped(const std::optional<TLRError>& error) {
-  const bool onLoop = EventLoop::main().isCurrent();
-  std::lock_guard lock(mutex_);
-  stops_.push_back({error, onLoop});
-  order_.push_back("stopped");
-}
-
-void HostEvents::notice(const TLRNotification& notification) {
-  Notice notice{notification.name, notification.hasUserInfo, std::nullopt, std::nullopt};
-  if (auto it = notification.userInfo.find("Error"); it != notification.userInfo.end()) {
-    if (const auto* error = std::get_if<TLRError>(&it->second)) notice.error = *error;
-  }
-  if (auto it = notification.userInfo.find("client"); it != notification.userInfo.end()) {
-    if (const auto* client = std::get_if<TLRClient>(&it->second)) notice.client = *client;
-  }
-  std::lock_guard lock(mutex_);
-  notices_.push_back(std::move(notice));
-  order_.push_back(notification.name);
-}
-
-void HostEvents::log(std::string_view line) {
-  std::lock_guard lock(mutex_);
-  log_.emplace_back(line);
-}
-
-int HostEvents::startedCount() const {
-  std::lock_guard lock(mutex_);
-  return started_;
-}
-
-std::vector<HostEvents::Client> HostEvents::foundClients() const {
-  std::lock_guard lock(mutex_);
-  return found_;
-}
-
-std::vector<HostEvents::Client> HostEvents::lostClients() const {
-  std::lock_guard lock(mutex_);
-  return lost_;
-}
-
-std::vector<HostEvents::Stop> HostEvents::stops() const {
-  std::lock_guard lock(mutex_);
-  return stops_;
-}
-
-std::vector<HostEvents::Notice> HostEvents::notices() const {
-  std::lock_guard lock(mutex_);
-  return notices_;
-}
-
-std::vector<HostEvents::Notice> HostEvents::notices(const std::string& name) const {
-  std::lock_guard lock(mutex_);
-  std::vector<Notice> matching;
-  for (const auto& notice : notices_) {
-    if (notice.name == name) matching.push_back(notice);
+std::vector<HostEvent> HostEvents::named(const std::string& name) const {
+  std::vector<HostEvent> matching;
+  for (auto& event : values()) {
+    if (event.name == name) matching.push_back(std::move(event));
   }
   return matching;
 }
 
-std::vector<std::string> HostEvents::logLines() const {
-  std::lock_guard lock(mutex_);
-  return log_;
+int HostEvents::indexOf(const std::string& name) const {
+  const auto all = values();
+  auto it = std::find_if(all.begin(), all.end(), [&](const auto& e) { return e.name == name; });
+  return it == all.end() ? -1 : static_cast<int>(it - all.begin());
 }
 
-std::size_t HostEvents::countLog(const std::string& line) const {
-  std::lock_guard lock(mutex_);
-  return static_cast<std::size_t>(std::count(log_.begin(), log_.end(), line));
+std::vector<std::string> HostEvents::clientIDs(const std::string& name) const {
+  std::vector<std::string> ids;
+  for (const auto& event : named(name))
+    ids.push_back(event.client->clientID());
+  return ids;
 }
-
-std::size_t HostEvents::countLogStartingWith(const std::string& prefix) const {
-  std::lock_guard lock(mutex_);
-  return static_cast<std::size_t>(std::count_if(
-      log_.begin(), log_.end(), [&](const std::string& line) { return line.starts_with(prefix); }));
-}
-
-int HostEvents::indexOf(const std::string& event) const {
-  std::lock_guard lock(mutex_);
-  auto it = std::find(order_.begin(), order_.end(), event);
-  return it == order_.end() ? -1 : static_cast<int>(it - order_.begin());
-}
-
-// --- FacadeTest ----------------------------------------------------------------
 
 void FacadeTest::SetUp() {
-  std::string pattern = (fs::temp_directory_path() / "tellora-facade-XXXXXX").string();
-  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-  folder_ = pattern;
-  UserDefaults::setStandardPath(folder_ / "defaults.json");
   setHostAppIdentifier(kHostIdentifier);
   setHostAppVersion(kHostVersion);
-
   // The server's clock runs a second ahead of ours.
   match_.setClockOffset(1000);
 
-  auto events = events_;
-  TLRSetLogSink([events](std::string_view line) { events->log(line); });
   for (const char* name : {TelloraWillStartSearchNotification, TelloraDidStartSearchNotification,
                            TelloraSearchWillStopNotification, TelloraSearchStopNotification,
                            TelloraClientFoundNotification, TelloraClientLostNotification}) {
     observers_.push_back(TLRNotificationCenter::defaultCenter().addObserver(
-        name, [events](const TLRNotification& n) { events->notice(n); }));
+        name, [events = events_](const TLRNotification& n) {
+          HostEvent event{n.name, std::nullopt, std::nullopt, n.hasUserInfo};
+          if (auto it = n.userInfo.find("Error"); it != n.userInfo.end()) {
+            if (const auto* error = std::get_if<TLRError>(&it->second)) event.error = *error;
+          }
+          if (auto it = n.userInfo.find("client"); it != n.userInfo.end()) {
+            if (const auto* client = std::get_if<TLRClient>(&it->second)) event.client = *client;
+          }
+          events->add(std::move(event));
+        }));
   }
 
   registrar_.setHandler([](const testing::HttpRequestRecord& request) {
@@ -154,18 +68,6 @@ void FacadeTest::TearDown() {
   EventLoop::main().drain();
   for (auto token : observers_)
     TLRNotificationCenter::defaultCenter().removeObserver(token);
-  TLRSetLogSink({});
-  fs::remove_all(folder_);
-}
-
-bool FacadeTest::waitUntil(const std::function<bool()>& condition,
-                           std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
 }
 
 TLRTelloraConfiguration FacadeTest::configuration() const {
@@ -178,17 +80,29 @@ TLRTelloraConfiguration FacadeTest::configuration() const {
   return c;
 }
 
+void FacadeTest::attachHostCallbacks() {
+  facade_->setHostCallbacks(
+      [events = events_] {
+        events->add({"started", std::nullopt, std::nullopt});
+      },
+      [events = events_](const TLRClient& c) {
+        events->add({"found", c, std::nullopt});
+      },
+      [events = events_](const TLRClient& c) {
+        events->add({"lost", c, std::nullopt});
+      },
+      [events = events_](const std::optional<TLRError>& e) {
+        events->add({"stopped", std::nullopt, e, false, EventLoop::main().isCurrent()});
+      });
+}
+
 void FacadeTest::createFacade() {
   destroyFacade();
-  facade_ = onLoop([events = events_] {
-    auto facade = TLRTelloraImpl::create();
+  onLoop([&] {
+    facade_ = TLRTelloraImpl::create();
     // Short timers: a failed open is retried quickly, a recorder start too.
-    facade->setTimings(Duration{}, 200ms, 50ms);
-    facade->setHostCallbacks([events] { events->started(); },
-                             [events](const TLRClient& c) { events->found(c); },
-                             [events](const TLRClient& c) { events->lost(c); },
-                             [events](const std::optional<TLRError>& e) { events->stopped(e); });
-    return facade;
+    facade_->setTimings(Duration{}, 200ms, 50ms);
+    attachHostCallbacks();
   });
 }
 
@@ -198,22 +112,16 @@ void FacadeTest::setUpFacade(const TLRTelloraConfiguration& configuration) {
 }
 
 bool FacadeTest::waitUntilConnected() {
-  // Five time requests answered, then the state is 4 and the offset stored.
+  // Five time requests answered, then the state is 4 and the offset stored
+  // (the fifth reply has been handled once the offset is non-zero).
   return match_.waitForRequestsOfType(3, 5) &&
-         waitUntil([&] { return telloraState() == TLRTelloraStateConnected; }) && waitUntil([&] {
-           // The fifth reply has been handled once the offset is non-zero.
-           return onLoop([&] { return facade_->timeDifference() != 0; });
-         });
+         waitUntil([&] { return telloraState() == TLRTelloraStateConnected; }) &&
+         waitUntil([&] { return onLoop([&] { return facade_->timeDifference() != 0; }); });
 }
 
 void FacadeTest::startSearch(const std::string& payload) {
   onLoop([&] {
-    // The public entry point replaces the callbacks at every start.
-    auto events = events_;
-    facade_->setHostCallbacks([events] { events->started(); },
-                              [events](const TLRClient& c) { events->found(c); },
-                              [events](const TLRClient& c) { events->lost(c); },
-                              [events](const std::optional<TLRError>& e) { events->stopped(e); });
+    attachHostCallbacks();
     facade_->startSearchingWithPayload(payload);
   });
 }
@@ -224,7 +132,7 @@ void FacadeTest::startSearchAndWait(const std::string& payload) {
   ASSERT_TRUE(waitUntilConnected());
   startSearch(payload);
   ASSERT_TRUE(match_.waitForRequestsOfType(2, 1));
-  ASSERT_TRUE(waitUntil([&] { return events_->startedCount() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("started") == 1; }));
 }
 
 void FacadeTest::destroyFacade() {
@@ -249,10 +157,9 @@ std::vector<TLRClient> FacadeTest::nearbyClients() {
 
 void FacadeTest::feedAudio(double seconds, double firstItemTicks) {
   constexpr uint32_t kBlock = 800;  // 100 ms at 8000 Hz
-  const auto blocks = static_cast<int>(std::ceil(seconds * 10));
   std::vector<int16_t> items(kBlock);
   uint32_t seed = 12345;
-  for (int b = 0; b < blocks; ++b) {
+  for (int b = 0; b < static_cast<int>(std::ceil(seconds * 10)); ++b) {
     for (uint32_t i = 0; i < kBlock; ++i) {
       const double t = (b * kBlock + i) / 8000.0;
       seed = seed * 1664525u + 1013904223u;

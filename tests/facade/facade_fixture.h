@@ -7,10 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -21,61 +18,32 @@
 #include "tellora/host_fed_audio.h"
 #include "tellora/notifications.h"
 #include "tests/facade/match_server.h"
+#include "tests/runtime/runtime_sandbox.h"
 #include "tests/support/http_test_server.h"
 
 namespace tellora::facade_test {
 
 using namespace std::chrono_literals;
+using testing::waitUntil;
 
-// The host-visible traces, written on SDK threads and read by the test.
-class HostEvents {
+// One thing the host saw: a callback ("started", "found", "lost", "stopped")
+// or a notification (by its name).
+struct HostEvent {
+  std::string name;
+  std::optional<TLRClient> client;  // of "found"/"lost", or a notification's "client"
+  std::optional<TLRError> error;    // of "stopped", or a notification's "Error"
+  bool hasUserInfo = false;
+  bool onLoop = false;
+};
+
+class HostEvents : public testing::Recorded<HostEvent> {
  public:
-  struct Notice {
-    std::string name;
-    bool hasUserInfo = false;
-    std::optional<TLRError> error;    // "Error"
-    std::optional<TLRClient> client;  // "client"
-  };
-  struct Client {
-    std::string id;
-    std::optional<std::string> payload;
-  };
-  // One stop callback: the error it got, and whether it ran on the SDK's loop.
-  struct Stop {
-    std::optional<TLRError> error;
-    bool onLoop = false;
-  };
-
-  void started();
-  void found(const TLRClient& client);
-  void lost(const TLRClient& client);
-  void stopped(const std::optional<TLRError>& error);
-  void notice(const TLRNotification& notification);
-  void log(std::string_view line);
-
-  int startedCount() const;
-  std::vector<Client> foundClients() const;
-  std::vector<Client> lostClients() const;
-  std::vector<Stop> stops() const;
-  std::vector<Notice> notices() const;
-  std::vector<Notice> notices(const std::string& name) const;
-  std::vector<std::string> logLines() const;
-  std::size_t countLog(const std::string& line) const;
-  std::size_t countLogStartingWith(const std::string& prefix) const;
-  // The position of the first such event among all host-visible events
-  // (callbacks as "started", "found", "lost", "stopped"; notifications by
-  // name); -1 when absent.
-  int indexOf(const std::string& event) const;
-
- private:
-  mutable std::mutex mutex_;
-  int started_ = 0;
-  std::vector<Client> found_;
-  std::vector<Client> lost_;
-  std::vector<Stop> stops_;
-  std::vector<Notice> notices_;
-  std::vector<std::string> log_;
-  std::vector<std::string> order_;
+  std::vector<HostEvent> named(const std::string& name) const;
+  size_t countOf(const std::string& name) const { return named(name).size(); }
+  // The position of the first such event; -1 when absent.
+  int indexOf(const std::string& name) const;
+  // The ids of the clients of "found" (or "lost") callbacks.
+  std::vector<std::string> clientIDs(const std::string& name) const;
 };
 
 class FacadeTest : public ::testing::Test {
@@ -92,9 +60,6 @@ class FacadeTest : public ::testing::Test {
   static auto onLoop(F&& f) {
     return EventLoop::main().call(std::forward<F>(f));
   }
-  // Polls until `condition` holds; false after the timeout.
-  static bool waitUntil(const std::function<bool()>& condition,
-                        std::chrono::milliseconds timeout = 5s);
 
   // Both servers, host-fed audio, app id 7 and secret "app-secret".
   TLRTelloraConfiguration configuration() const;
@@ -105,6 +70,7 @@ class FacadeTest : public ::testing::Test {
   void setUpFacade() { setUpFacade(configuration()); }
   // The facade has measured the clock after the connection opened.
   bool waitUntilConnected();
+  // As the public entry point does: replaces the host callbacks, then starts.
   void startSearch(const std::string& payload);
   // Sets up, waits for the connection, starts a search and waits for the
   // nearby request that ends the search sequence.
@@ -122,8 +88,9 @@ class FacadeTest : public ::testing::Test {
   // Stores an identity in the user-defaults file, as an earlier launch would.
   void storeIdentity(const std::optional<std::string>& id,
                      const std::optional<std::string>& secret);
+  std::string defaultsFile() const { return sandbox_.folder.file("defaults.json"); }
 
-  std::filesystem::path folder_;
+  testing::RuntimeSandbox sandbox_;
   testing::HttpTestServer registrar_;
   MatchServer match_;
   std::shared_ptr<TLRHostFedAudio> audio_ = TLRHostFedAudio::create();
@@ -131,6 +98,7 @@ class FacadeTest : public ::testing::Test {
   std::shared_ptr<TLRTelloraImpl> facade_;
 
  private:
+  void attachHostCallbacks();  // on the loop
   std::vector<TLRNotificationCenter::ObserverToken> observers_;
 };
 

@@ -1,6 +1,6 @@
 #include "tests/facade/match_server.h"
 
-#include <thread>
+#include "tests/runtime/runtime_sandbox.h"
 
 namespace tellora::facade_test {
 
@@ -75,12 +75,7 @@ std::vector<nlohmann::json> MatchServer::requestsOfType(int type) const {
 
 bool MatchServer::waitForRequestsOfType(int type, std::size_t count,
                                         std::chrono::milliseconds timeout) const {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (requestsOfType(type).size() < count) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
+  return testing::waitUntil([&] { return requestsOfType(type).size() >= count; }, timeout);
 }
 
 std::string MatchServer::foundPush(const std::string& clientID, const nlohmann::json& payload) {

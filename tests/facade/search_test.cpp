@@ -14,6 +14,8 @@
 namespace tellora::facade_test {
 namespace {
 
+using Ids = std::vector<std::string>;
+
 // The position of the first request of this type; -1 when none came.
 int positionOfType(const std::vector<nlohmann::json>& requests, int type) {
   for (size_t i = 0; i < requests.size(); ++i) {
@@ -23,9 +25,11 @@ int positionOfType(const std::vector<nlohmann::json>& requests, int type) {
   return -1;
 }
 
-int countOf(const std::vector<TLRClient>& clients, const std::string& id) {
-  return static_cast<int>(std::count_if(clients.begin(), clients.end(),
-                                        [&](const TLRClient& c) { return c.clientID() == id; }));
+Ids idsOf(const std::vector<TLRClient>& clients) {
+  Ids ids;
+  for (const auto& client : clients)
+    ids.push_back(client.clientID());
+  return ids;
 }
 
 // --- The search sequence -------------------------------------------------------------
@@ -36,71 +40,58 @@ TEST_F(SearchSequenceTest, ModeThenPayloadThenNearbyAfterClockMeasurement) {
   match_.setNearby(nlohmann::json::parse(
       R"([{"clientId":"n1","payload":"p1"},{"clientId":"n2","payload":null}])"));
   startSearchAndWait("my-payload");
-  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 2; }));
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 2; }));
 
+  // The five clock readings, then mode, payload (the bare string) and nearby.
   const auto requests = match_.requests();
-  const int mode = positionOfType(requests, 0);
-  const int payload = positionOfType(requests, 1);
-  const int nearby = positionOfType(requests, 2);
-  ASSERT_GE(mode, 0);
-  EXPECT_LT(mode, payload);
-  EXPECT_LT(payload, nearby);
-  // The search waited for the five clock readings.
-  ASSERT_EQ(match_.requestsOfType(3).size(), 5u);
-  for (size_t i = 0; i < static_cast<size_t>(mode); ++i)
+  ASSERT_EQ(requests.size(), 8u);
+  for (size_t i = 0; i < 5; ++i)
     EXPECT_EQ(requests[i]["type"], 3);
-
-  EXPECT_EQ(requests[mode]["data"], nlohmann::json({{"mode", 3}}));
-  EXPECT_EQ(requests[payload]["data"], "my-payload");  // the bare string
-  EXPECT_FALSE(requests[nearby].contains("data"));
+  EXPECT_EQ(requests[5]["type"], 0);
+  EXPECT_EQ(requests[5]["data"], nlohmann::json({{"mode", 3}}));
+  EXPECT_EQ(requests[6]["type"], 1);
+  EXPECT_EQ(requests[6]["data"], "my-payload");
+  EXPECT_EQ(requests[7]["type"], 2);
+  EXPECT_FALSE(requests[7].contains("data"));
 
   EXPECT_LT(events_->indexOf(TelloraWillStartSearchNotification),
             events_->indexOf(TelloraDidStartSearchNotification));
   EXPECT_LT(events_->indexOf(TelloraDidStartSearchNotification), events_->indexOf("started"));
-  EXPECT_EQ(events_->startedCount(), 1);
   EXPECT_EQ(searchState(), TLRSearchStateSearching);
 
-  const auto found = events_->foundClients();
-  EXPECT_EQ(found[0].id, "n1");
-  EXPECT_EQ(found[0].payload, "p1");
-  EXPECT_EQ(found[1].id, "n2");
-  EXPECT_FALSE(found[1].payload.has_value());
-  const auto notices = events_->notices(TelloraClientFoundNotification);
-  ASSERT_EQ(notices.size(), 2u);
-  EXPECT_EQ(notices[0].client->clientID(), "n1");
-  EXPECT_EQ(notices[1].client->clientID(), "n2");
-  const auto listed = nearbyClients();
-  ASSERT_EQ(listed.size(), 2u);
-  EXPECT_EQ(listed[0].clientID(), "n1");
-  EXPECT_EQ(listed[1].clientID(), "n2");
+  const auto found = events_->named("found");
+  EXPECT_EQ(found[0].client->payload(), "p1");
+  EXPECT_FALSE(found[1].client->payload().has_value());
+  EXPECT_EQ(events_->clientIDs("found"), (Ids{"n1", "n2"}));
+  EXPECT_EQ(events_->clientIDs(TelloraClientFoundNotification), (Ids{"n1", "n2"}));
+  EXPECT_EQ(idsOf(nearbyClients()), (Ids{"n1", "n2"}));
 }
 
 TEST_F(SearchSequenceTest, RestartAppendsNearbyAnswerAgain) {
   match_.setNearby(nlohmann::json::parse(R"([{"clientId":"n1","payload":"p1"}])"));
   startSearchAndWait();
-  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 1; }));
   onLoop([&] { facade_->stopSearching(); });
   EXPECT_EQ(nearbyClients().size(), 1u);  // a stop keeps the list
 
   startSearch("second");
-  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 2; }));
-  EXPECT_EQ(countOf(nearbyClients(), "n1"), 2);
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 2; }));
+  EXPECT_EQ(idsOf(nearbyClients()), (Ids{"n1", "n1"}));
   EXPECT_EQ(match_.requestsOfType(1).back()["data"], "second");
 }
 
 TEST_F(SearchSequenceTest, StartBeforeSetupWaitsForConfiguration) {
   createFacade();
   startSearch("early");
-  EXPECT_EQ(events_->countLog("Tellora: Please prepare the configuration"), 1u);
+  EXPECT_EQ(sandbox_.countLog("Tellora: Please prepare the configuration"), 1u);
   EXPECT_EQ(searchState(), TLRSearchStateStarting);
-  EXPECT_TRUE(onLoop([&] { return facade_->isSearching(); }));
   EXPECT_EQ(registrar_.requests().size(), 0u);
 
   // Setting up later connects, and the pending search runs once the clock is known.
   setUpFacade();
   ASSERT_TRUE(match_.waitForRequestsOfType(1, 1));
   EXPECT_EQ(match_.requestsOfType(1).at(0)["data"], "early");
-  ASSERT_TRUE(waitUntil([&] { return events_->startedCount() == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return events_->countOf("started") == 1; }));
 }
 
 TEST_F(SearchSequenceTest, StartWhileConnectingRunsAfterClockMeasurement) {
@@ -116,8 +107,7 @@ TEST_F(SearchSequenceTest, StartWhileConnectingRunsAfterClockMeasurement) {
 
   ASSERT_TRUE(match_.waitForRequestsOfType(2, 1));
   const auto requests = match_.requests();
-  const int mode = positionOfType(requests, 0);
-  ASSERT_EQ(mode, 5) << "the five clock readings come first";
+  ASSERT_EQ(positionOfType(requests, 0), 5) << "the five clock readings come first";
   EXPECT_EQ(requests[positionOfType(requests, 1)]["data"], "pending");
   EXPECT_EQ(registrar_.requests().size(), 0u);
   EXPECT_EQ(match_.ws().log().acceptedConnections, 1u);
@@ -127,8 +117,8 @@ TEST_F(SearchSequenceTest, StartWhileSearchingOnlyLogsAndKeepsNewPayload) {
   startSearchAndWait("first");
   startSearch("second");
 
-  EXPECT_EQ(events_->countLog("Tellora: search already running"), 1u);
-  EXPECT_EQ(events_->notices(TelloraWillStartSearchNotification).size(), 2u);
+  EXPECT_EQ(sandbox_.countLog("Tellora: search already running"), 1u);
+  EXPECT_EQ(events_->countOf(TelloraWillStartSearchNotification), 2u);
   EXPECT_EQ(onLoop([&] { return facade_->payload(); }), "second");
   EXPECT_TRUE(onLoop([&] { return facade_->needRunSearch(); }));
   EXPECT_EQ(searchState(), TLRSearchStateSearching);
@@ -143,34 +133,21 @@ using FingerprintTest = FacadeTest;
 
 // The server's clock runs 1000 ms ahead. "etime" carries the offset itself and
 // "stime" the part's local start moved onto the server clock.
-TEST_F(FingerprintTest, SentWithStartOnServerClockAndOffsetAsEnd) {
+TEST_F(FingerprintTest, SentWithStartOnServerClockAndOffsetAsEndUntilTheStop) {
   startSearchAndWait();
   const double offset = onLoop([&] { return facade_->timeDifference(); });
   EXPECT_NEAR(offset, 1000, 50);
 
-  const double firstItemTicks = monotonicTicks();
   const double localStartMs = wallClockSeconds() * 1000;
-  feedAudio(1.2, firstItemTicks);
-  ASSERT_TRUE(match_.waitForRequestsOfType(4, 1));
-
-  const auto fingerprint = match_.requestsOfType(4).at(0);
-  const auto& data = fingerprint["data"];
-  ASSERT_TRUE(data["fp"].is_string());
-  EXPECT_EQ(data["fp"].get<std::string>().size(), 156u);
-  ASSERT_TRUE(data["stime"].is_number());
-  ASSERT_TRUE(data["etime"].is_number());
-  const double stime = data["stime"];
-  const double etime = data["etime"];
-  EXPECT_DOUBLE_EQ(etime, offset);
-  EXPECT_NEAR(stime - etime, localStartMs, 20);
-}
-
-TEST_F(FingerprintTest, StopReleasesTheRecorder) {
-  startSearchAndWait();
   feedAudio(1.2, monotonicTicks());
   ASSERT_TRUE(match_.waitForRequestsOfType(4, 1));
+  const auto data = match_.requestsOfType(4).at(0)["data"];
+  EXPECT_EQ(data["fp"].get<std::string>().size(), 156u);
+  EXPECT_DOUBLE_EQ(data["etime"].get<double>(), offset);
+  EXPECT_NEAR(data["stime"].get<double>() - offset, localStartMs, 20);
+
+  // The stop releases the recorder: the host's audio no longer goes anywhere.
   onLoop([&] { facade_->stopSearching(); });
-  // The recorder is stopped: the host's audio no longer goes anywhere.
   const int16_t block[800] = {};
   EXPECT_FALSE(audio_->push(block, 800));
   EXPECT_FALSE(onLoop([&] { return facade_->isRecording(); }));
@@ -184,18 +161,18 @@ TEST_F(NearbyTest, SameClientPushedTwiceIsListedTwiceAndLostOnce) {
   startSearchAndWait();
   match_.pushFound("twin", "a");
   match_.pushFound("twin", "b");
-  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 2; }));
-  EXPECT_EQ(countOf(nearbyClients(), "twin"), 2);
-  EXPECT_EQ(events_->notices(TelloraClientFoundNotification).size(), 2u);
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 2; }));
+  EXPECT_EQ(idsOf(nearbyClients()), (Ids{"twin", "twin"}));
+  EXPECT_EQ(events_->countOf(TelloraClientFoundNotification), 2u);
 
   match_.pushLost("twin");
-  ASSERT_TRUE(waitUntil([&] { return events_->lostClients().size() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("lost") == 1; }));
   // Only the entry of the first report goes.
   const auto listed = nearbyClients();
   ASSERT_EQ(listed.size(), 1u);
   EXPECT_EQ(listed[0].payload(), "b");
-  EXPECT_EQ(events_->lostClients().at(0).payload, "a");
-  const auto lostNotices = events_->notices(TelloraClientLostNotification);
+  EXPECT_EQ(events_->named("lost").at(0).client->payload(), "a");
+  const auto lostNotices = events_->named(TelloraClientLostNotification);
   ASSERT_EQ(lostNotices.size(), 1u);
   EXPECT_EQ(lostNotices[0].client->clientID(), "twin");
   EXPECT_EQ(lostNotices[0].client->payload(), "a");
@@ -207,10 +184,8 @@ TEST_F(NearbyTest, LostForUnknownIdIsIgnored) {
   match_.pushLost("ghost");
   // A push after the ghost's shows it has been handled.
   match_.pushFound("marker", nullptr);
-  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 2; }));
-
-  EXPECT_TRUE(events_->lostClients().empty());
-  EXPECT_TRUE(events_->notices(TelloraClientLostNotification).empty());
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 2; }));
+  EXPECT_EQ(events_->countOf("lost") + events_->countOf(TelloraClientLostNotification), 0u);
   EXPECT_EQ(nearbyClients().size(), 2u);
 }
 
@@ -219,8 +194,8 @@ TEST_F(NearbyTest, PushesReachHostWhileNotSearching) {
   startSearchAndWait();
   onLoop([&] { facade_->stopSearching(); });
   match_.pushFound("late", "x");
-  ASSERT_TRUE(waitUntil([&] { return events_->foundClients().size() == 1; }));
-  EXPECT_EQ(nearbyClients().at(0).clientID(), "late");
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 1; }));
+  EXPECT_EQ(idsOf(nearbyClients()), (Ids{"late"}));
 }
 
 // --- Stopping ------------------------------------------------------------------------------
@@ -231,33 +206,19 @@ TEST_F(StopTest, CallsStoppedCallbackOnceAndAnnouncesEveryTime) {
   startSearchAndWait();
   onLoop([&] { facade_->stopSearching(); });
 
-  ASSERT_EQ(events_->stops().size(), 1u);
-  EXPECT_FALSE(events_->stops().at(0).error.has_value());
-  EXPECT_EQ(events_->countLog("Tellora: stoped search"), 1u);
-  EXPECT_EQ(events_->notices(TelloraSearchWillStopNotification).size(), 1u);
+  ASSERT_EQ(events_->countOf("stopped"), 1u);
+  EXPECT_FALSE(events_->named("stopped").at(0).error.has_value());
+  EXPECT_EQ(sandbox_.countLog("Tellora: stoped search"), 1u);
+  EXPECT_EQ(events_->countOf(TelloraSearchWillStopNotification), 1u);
   EXPECT_EQ(searchState(), TLRSearchStateStopped);
   EXPECT_FALSE(onLoop([&] { return facade_->payload(); }).has_value());
-  EXPECT_TRUE(events_->notices(TelloraSearchStopNotification).empty());
+  EXPECT_EQ(events_->countOf(TelloraSearchStopNotification), 0u);
 
   // Stopped already: the log line and the will-stop notification only.
   onLoop([&] { facade_->stopSearching(); });
-  EXPECT_EQ(events_->stops().size(), 1u);
-  EXPECT_EQ(events_->countLog("Tellora: stoped search"), 2u);
-  EXPECT_EQ(events_->notices(TelloraSearchWillStopNotification).size(), 2u);
-}
-
-TEST_F(StopTest, StopWithBlockCallsOnlyThatBlock) {
-  startSearchAndWait();
-  int blockCalls = 0;
-  onLoop([&] {
-    facade_->stopSearchingWithBlock([&](const std::optional<TLRError>& error) {
-      EXPECT_FALSE(error.has_value());
-      ++blockCalls;
-    });
-  });
-  EXPECT_EQ(blockCalls, 1);
-  EXPECT_TRUE(events_->stops().empty());
-  EXPECT_EQ(searchState(), TLRSearchStateStopped);
+  EXPECT_EQ(events_->countOf("stopped"), 1u);
+  EXPECT_EQ(sandbox_.countLog("Tellora: stoped search"), 2u);
+  EXPECT_EQ(events_->countOf(TelloraSearchWillStopNotification), 2u);
 }
 
 TEST_F(StopTest, AnonymousBufferKeepsRecorderRunningAcrossStop) {
@@ -269,25 +230,23 @@ TEST_F(StopTest, AnonymousBufferKeepsRecorderRunningAcrossStop) {
                          [recorderStarts](const TLRNotification&) { ++*recorderStarts; });
   createFacade();
   center.post("TelloraPrivateStartUseAnonimousBuffer");
-  EXPECT_EQ(events_->countLog("Tellora: AnonimousBuffer turn on"), 1u);
+  EXPECT_EQ(sandbox_.countLog("Tellora: AnonimousBuffer turn on"), 1u);
 
   startSearchAndWait();
   EXPECT_EQ(*recorderStarts, 1);
   onLoop([&] { facade_->stopSearching(); });
-  EXPECT_TRUE(onLoop([&] { return facade_->isRecording(); }));
-  EXPECT_TRUE(onLoop([&] { return facade_->recorder()->isRec(); }));
+  EXPECT_TRUE(onLoop([&] { return facade_->isRecording() && facade_->recorder()->isRec(); }));
   // The recorder still takes audio; the hasher keeps it instead of sending.
   feedAudio(0.4, monotonicTicks());
 
   startSearch("again");
-  ASSERT_TRUE(waitUntil([&] { return events_->startedCount() == 2; }));
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("started") == 2; }));
   EXPECT_EQ(*recorderStarts, 1);  // the running recorder was not started again
 
   center.post("TelloraPrivateStopUseAnonimousBuffer");
-  EXPECT_EQ(events_->countLog("Tellora: AnonimousBuffer turn off"), 1u);
+  EXPECT_EQ(sandbox_.countLog("Tellora: AnonimousBuffer turn off"), 1u);
   onLoop([&] { facade_->stopSearching(); });
-  EXPECT_FALSE(onLoop([&] { return facade_->isRecording(); }));
-  EXPECT_FALSE(onLoop([&] { return facade_->recorder()->isRec(); }));
+  EXPECT_FALSE(onLoop([&] { return facade_->isRecording() || facade_->recorder()->isRec(); }));
   center.removeObserver(token);
 }
 
@@ -308,18 +267,13 @@ TEST_F(RecorderFailureTest, MicrophoneNotPermittedEndsSearchWithError101) {
   config.audioSourceFactory = [] { return std::make_unique<RefusingSource>(); };
   setUpFacade(config);
   startSearch("payload");
-  ASSERT_TRUE(waitUntil([&] { return !events_->stops().empty(); }));
+  ASSERT_TRUE(waitUntil([&] {
+    return events_->countOf("stopped") == 1 && events_->countOf(TelloraSearchStopNotification) == 1;
+  }));
 
-  const auto stop = events_->stops().at(0);
-  ASSERT_TRUE(stop.error.has_value());
-  EXPECT_EQ(stop.error->domain, "com.tellora.quillmark.ErrorDomain");
-  EXPECT_EQ(stop.error->code, 101);
-  EXPECT_EQ(stop.error->userInfo.at("message"),
-            TLRErrorInfoValue(std::string("Microphone is disabled")));
-  const auto notices = events_->notices(TelloraSearchStopNotification);
-  ASSERT_EQ(notices.size(), 1u);
-  ASSERT_TRUE(notices[0].error.has_value());
-  EXPECT_EQ(*notices[0].error, *stop.error);
+  const auto expected = TLRError::make(101, {{"message", std::string("Microphone is disabled")}});
+  EXPECT_EQ(events_->named("stopped")[0].error, expected);
+  EXPECT_EQ(events_->named(TelloraSearchStopNotification)[0].error, expected);
   EXPECT_EQ(searchState(), TLRSearchStateStopped);
 }
 

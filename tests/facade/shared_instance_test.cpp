@@ -2,65 +2,32 @@
 // stop, as a host would use them. One test: the instance lives for the process.
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
 #include <atomic>
-#include <filesystem>
-#include <mutex>
-#include <thread>
 
 #include "runtime/event_loop.h"
-#include "runtime/user_defaults.h"
 #include "tellora/host_fed_audio.h"
 #include "tellora/tellora.hpp"
 #include "tests/facade/match_server.h"
+#include "tests/runtime/runtime_sandbox.h"
 #include "tests/support/http_test_server.h"
 
 namespace tellora::facade_test {
 namespace {
 
 using namespace std::chrono_literals;
-namespace fs = std::filesystem;
+using testing::waitUntil;
 
-bool waitUntil(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + 5s;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
-
-struct HostLog {
-  std::mutex mutex;
-  std::vector<std::string> lines;
-  std::vector<std::string> events;
-  bool allOnLoop = true;
-
-  void add(const std::string& event) {
-    std::lock_guard lock(mutex);
-    events.push_back(event);
-    allOnLoop = allOnLoop && EventLoop::main().isCurrent();
-  }
-  size_t count(const std::string& event) {
-    std::lock_guard lock(mutex);
-    return static_cast<size_t>(std::count(events.begin(), events.end(), event));
-  }
-  size_t countLines(const std::string& line) {
-    std::lock_guard lock(mutex);
-    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
+// The host's callbacks, all of which must run on the SDK's loop.
+struct HostLog : testing::Recorded<std::string> {
+  void called(const std::string& event) {
+    add(event);
+    if (!EventLoop::main().isCurrent()) add("off the loop: " + event);
   }
 };
 
 TEST(SharedInstanceTest, HostDrivesSearchThroughStaticEntryPoints) {
-  std::string folder = (fs::temp_directory_path() / "tellora-shared-XXXXXX").string();
-  ASSERT_NE(mkdtemp(folder.data()), nullptr);
-  UserDefaults::setStandardPath(fs::path(folder) / "defaults.json");
+  testing::RuntimeSandbox sandbox;
   auto host = std::make_shared<HostLog>();
-  TLRSetLogSink([host](std::string_view line) {
-    std::lock_guard lock(host->mutex);
-    host->lines.emplace_back(line);
-  });
 
   testing::HttpTestServer registrar;
   registrar.setReply(
@@ -79,11 +46,11 @@ TEST(SharedInstanceTest, HostDrivesSearchThroughStaticEntryPoints) {
   configuration.appSecret = "custom-key";
   configuration.audioSourceFactory = audio->sourceFactory();
   TLRTellora::setupWithCustomConfiguration(configuration);
-  EXPECT_EQ(host->countLines("Tellora: set custom configuration is OK"), 1u);
+  EXPECT_EQ(sandbox.countLog("Tellora: set custom configuration is OK"), 1u);
   // The first configuration wins: neither of these changes where it goes.
   TLRTellora::setupWithApiKey("ignored-key");
   TLRTellora::setupWithCustomConfiguration(TLRTelloraConfiguration{});
-  EXPECT_EQ(host->countLines("Tellora: set custom configuration is OK"), 2u);
+  EXPECT_EQ(sandbox.countLog("Tellora: set custom configuration is OK"), 2u);
 
   auto& tellora = TLRTellora::sharedInstance();
   EXPECT_EQ(&tellora, &TLRTellora::sharedInstance());
@@ -91,11 +58,11 @@ TEST(SharedInstanceTest, HostDrivesSearchThroughStaticEntryPoints) {
   // Started while still registering, a search would register a second time.
   ASSERT_TRUE(waitUntil([&] { return tellora.telloraState() == TLRTelloraStateConnected; }));
   TLRTellora::startSearchingWithPayload(
-      "shared-payload", [host] { host->add("started"); },
-      [host](const TLRClient& c) { host->add("found " + c.clientID() + " " + *c.payload()); },
-      [host](const TLRClient& c) { host->add("lost " + c.clientID()); },
+      "shared-payload", [host] { host->called("started"); },
+      [host](const TLRClient& c) { host->called("found " + c.clientID() + " " + *c.payload()); },
+      [host](const TLRClient& c) { host->called("lost " + c.clientID()); },
       [host](const std::optional<TLRError>& e) {
-        host->add(e ? "stopped with error" : "stopped");
+        host->called(e ? "stopped with error" : "stopped");
       });
   EXPECT_TRUE(tellora.isSearching());
   ASSERT_TRUE(waitUntil([&] { return host->count("found peer peer-payload") == 1; }));
@@ -146,11 +113,8 @@ TEST(SharedInstanceTest, HostDrivesSearchThroughStaticEntryPoints) {
 
   TLRTellora::disconnect();
   EXPECT_TRUE(match.ws().waitForEndedConnections(1));
-  EXPECT_TRUE(host->allOnLoop);
-
+  EXPECT_EQ(host->countIf([](const std::string& e) { return e.starts_with("off the loop"); }), 0u);
   EventLoop::main().drain();
-  TLRSetLogSink({});
-  fs::remove_all(folder);
 }
 
 }  // namespace

@@ -7,9 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "fingerprint/part_fingerprint.h"
-#include "fingerprint/pcm.h"
-#include "tellora/audiohash.h"
+#include "tests/fingerprint/audiohash/hashed.h"
 #include "tests/tools/scratch_dir.h"
 #include "tests/tools/test_audio.h"
 #include "tests/tools/tool_runner.h"
@@ -23,44 +21,18 @@ struct PrintedPart {
   std::string fingerprint;
 };
 
-std::vector<PrintedPart> parsePlain(const std::string& out) {
-  static const std::regex line(R"((\d+\.\d{3}) (\d+\.\d{3}) ([A-Za-z0-9+/=]+))");
-  std::vector<PrintedPart> parts;
-  for (const std::string& text : splitLines(out)) {
-    std::smatch m;
-    EXPECT_TRUE(std::regex_match(text, m, line)) << text;
-    if (m.empty()) continue;
-    parts.push_back({std::stod(m[1]), std::stod(m[2]), m[3]});
-  }
-  return parts;
-}
-
-std::vector<PrintedPart> parseJson(const std::string& out) {
-  static const std::regex line(
+// Each line of `out` in the plain or the --json form.
+std::vector<PrintedPart> parse(const std::string& out, bool json = false) {
+  static const std::regex plain(R"((\d+\.\d{3}) (\d+\.\d{3}) ([A-Za-z0-9+/=]+))");
+  static const std::regex asJson(
       R"re(\{"start":(\d+\.\d{3}),"end":(\d+\.\d{3}),"fingerprint":"([A-Za-z0-9+/=]+)"\})re");
   std::vector<PrintedPart> parts;
   for (const std::string& text : splitLines(out)) {
     std::smatch m;
-    EXPECT_TRUE(std::regex_match(text, m, line)) << text;
-    if (m.empty()) continue;
-    parts.push_back({std::stod(m[1]), std::stod(m[2]), m[3]});
+    EXPECT_TRUE(std::regex_match(text, m, json ? asJson : plain)) << text;
+    if (!m.empty()) parts.push_back({std::stod(m[1]), std::stod(m[2]), m[3]});
   }
   return parts;
-}
-
-std::string fingerprintOf(const std::vector<int16_t>& items) {
-  std::vector<float> samples(items.size());
-  pcmItemsToFloats(items.data(), items.size(), samples.data());
-  hashst state;
-  inithashst(&state);
-  hashres result{};
-  EXPECT_EQ(
-      audiohash(samples.data(), static_cast<uint32_t>(samples.size()), &result, &state, 0, 8000),
-      0);
-  std::vector<uint32_t> words(result.hashes, result.hashes + result.nbhashes);
-  freehash(&result);
-  freehashst(&state);
-  return fingerprintFromWords(words);
 }
 
 class FingerprintCommandTest : public ::testing::Test {
@@ -86,7 +58,7 @@ TEST_F(FingerprintCommandTest, PrintsOnePartEvery232MsWithTimesFromTheStartOfThe
   ASSERT_EQ(run.exitCode, 0) << run.err;
   EXPECT_EQ(run.err, "");
 
-  const auto parts = parsePlain(run.out);
+  const auto parts = parse(run.out);
   // Cuts at items 3968 + 1856 k below 24000.
   ASSERT_EQ(parts.size(), 11u);
   for (size_t k = 0; k < parts.size(); ++k) {
@@ -96,8 +68,7 @@ TEST_F(FingerprintCommandTest, PrintsOnePartEvery232MsWithTimesFromTheStartOfThe
   }
   EXPECT_EQ(splitLines(run.out)[0].substr(0, 14), "0.000 496.000 ");
   // The first part is the file's first 3968 items exactly.
-  EXPECT_EQ(parts[0].fingerprint,
-            fingerprintOf(std::vector<int16_t>(items.begin(), items.begin() + 3968)));
+  EXPECT_EQ(parts[0].fingerprint, testing::Hashed(std::span(items).first(3968)).fingerprint());
   EXPECT_NE(parts[0].fingerprint, parts[1].fingerprint);
 }
 
@@ -108,8 +79,8 @@ TEST_F(FingerprintCommandTest, JsonCarriesTheSameValues) {
   ASSERT_EQ(plain.exitCode, 0) << plain.err;
   ASSERT_EQ(json.exitCode, 0) << json.err;
 
-  const auto expected = parsePlain(plain.out);
-  const auto actual = parseJson(json.out);
+  const auto expected = parse(plain.out);
+  const auto actual = parse(json.out, true);
   ASSERT_EQ(actual.size(), expected.size());
   for (size_t k = 0; k < actual.size(); ++k) {
     EXPECT_EQ(actual[k].start, expected[k].start) << k;

@@ -17,16 +17,6 @@ constexpr double kPartMs = 496.0;
 // The wall-clock values are near 1.7e12 ms, where one ulp is 0.24 us.
 constexpr double kTimeTolerance = 1e-3;
 
-TEST(HasherGeometry, HibitKeepsOnlyTheHighestSetBit) {
-  EXPECT_EQ(hibit(0), 0u);
-  EXPECT_EQ(hibit(1), 1u);
-  EXPECT_EQ(hibit(3), 2u);
-  EXPECT_EQ(hibit(2048), 2048u);
-  EXPECT_EQ(hibit(3200), 2048u);
-  EXPECT_EQ(hibit(0x80000001u), 0x80000000u);
-  EXPECT_EQ(hibit(0xFFFFFFFFu), 0x80000000u);
-}
-
 TEST(HasherGeometry, FrameLengthTruncatesTheProductBeforeTakingItsHighestBit) {
   EXPECT_EQ(TLRHasher::calcFrameLengthWithDuration(0.4, 8000.0), 2048u);
   EXPECT_EQ(TLRHasher::calcFrameLengthWithDuration(0.4, 6000.0), 2048u);
@@ -37,33 +27,13 @@ TEST(HasherGeometry, FrameLengthTruncatesTheProductBeforeTakingItsHighestBit) {
   EXPECT_EQ(TLRHasher::calcFrameLengthWithDuration(-0.4, 8000.0), 0u);
 }
 
-TEST_F(HasherTest, HalfASecondAt8000HzGivesPartsOf3968Items) {
-  auto hasher = makeHasher(0.5);
-  onLoop([&] {
-    EXPECT_EQ(hasher->framelength(), 2048u);
-    EXPECT_EQ(hasher->advance(), 64u);
-    EXPECT_EQ(hasher->bufferItemsCount(), kPartItems);
-    EXPECT_EQ(hasher->bufferBytesSize(), 7936u);
-    EXPECT_EQ(hasher->bufferItemsFill(), 0u);
-    EXPECT_FALSE(hasher->sending());
-    EXPECT_EQ(recorder_->delegate().lock(), hasher);
-    EXPECT_DOUBLE_EQ(hasher->timeDifference(), kTimeDifference);
-  });
-}
-
-TEST_F(HasherTest, PartDurationIsRoundedDownToWholeSteps) {
+TEST_F(HasherTest, PartsAreWholeStepsAndNeverShorterThanOneHashWord) {
   // 0.3 s is 2400 items: 37 whole steps of 64.
-  EXPECT_EQ(makeHasher(0.3)->bufferItemsCount(), 2368u);
-  EXPECT_EQ(makeHasher(1.0)->bufferItemsCount(), 8000u);
-}
+  const std::vector<std::pair<double, uint32_t>> sizes = {{0.5, 3968}, {0.3, 2368}, {1.0, 8000},
+                                                          {0.1, 2176}, {0.0, 2176}, {-1.0, 2176}};
+  for (const auto& [duration, partItems] : sizes)
+    EXPECT_EQ(makeHasher(duration)->bufferItemsCount(), partItems) << duration;
 
-TEST_F(HasherTest, PartsNeverGetShorterThanOneHashWord) {
-  for (double duration : {0.1, 0.0, -1.0}) {
-    EXPECT_EQ(makeHasher(duration)->bufferItemsCount(), 2176u) << duration;
-  }
-
-  auto hasher = makeHasher(0.1);
-  onLoop([&] { hasher->setSending(true); });
   const auto items = noise(2176 + 1, 3);
   feedNext(items);
   waitForDeliveries();
@@ -80,16 +50,6 @@ class HasherCuttingTest : public HasherTest {
   void SetUp() override {
     HasherTest::SetUp();
     makeHasher(0.5);
-    onLoop([this] { hasher_->setSending(true); });
-  }
-  uint32_t fill() {
-    return onLoop([this] { return hasher_->bufferItemsFill(); });
-  }
-  std::vector<int16_t> bufferContent() {
-    return onLoop([this] {
-      auto all = hasher_->buffer();
-      return std::vector<int16_t>(all.begin(), all.begin() + hasher_->bufferItemsFill());
-    });
   }
 
   const std::vector<int16_t> stream_ = noise(80000, 11);
@@ -98,44 +58,27 @@ class HasherCuttingTest : public HasherTest {
   }
 };
 
-TEST_F(HasherCuttingTest, AFullBufferWaitsForTheNextItem) {
+TEST_F(HasherCuttingTest, TheItemThatFindsTheBufferFullCutsThePartAndIsDropped) {
   feedNext(items(0, kPartItems));
   waitForDeliveries();
-  EXPECT_TRUE(parts().empty());
-  EXPECT_EQ(fill(), kPartItems);
-}
+  EXPECT_TRUE(parts().empty()) << "a full buffer waits for the next item";
 
-TEST_F(HasherCuttingTest, TheItemThatFindsTheBufferFullCutsThePartAndIsDropped) {
-  feedNext(items(0, kPartItems + 32));
+  feedNext(items(kPartItems, kPartItems + 32));
   waitForDeliveries();
-
   const auto received = parts();
   ASSERT_EQ(received.size(), 1u);
   EXPECT_EQ(received[0].fingerprint.size(), 156u);
   EXPECT_EQ(received[0].fingerprint, expectedFingerprint(items(0, kPartItems)));
-
-  // Kept: the last frame and step of the part, then the stale item at 2112
-  // (left from the part), then the items after the dropped one.
-  EXPECT_EQ(fill(), kKeptItems + 1 + 31);
-  const auto expected =
-      concat({items(kPartItems - kKeptItems, kPartItems), items(kKeptItems, kKeptItems + 1),
-              items(kPartItems + 1, kPartItems + 32)});
-  EXPECT_EQ(bufferContent(), expected);
-}
-
-TEST_F(HasherCuttingTest, FillLevelAfterACutIsOnePastTheKeptItems) {
-  feedNext(items(0, kPartItems + 1));
-  EXPECT_EQ(fill(), 2113u);
-}
-
-TEST_F(HasherCuttingTest, PartEndsAtTheDroppedItemAndStarts496MsBefore) {
-  feedNext(items(0, kPartItems + 1));
-  waitForDeliveries();
-  const auto received = parts();
-  ASSERT_EQ(received.size(), 1u);
+  // It ends at the dropped item and starts 496 ms before, at the first item.
   EXPECT_NEAR(received[0].end, wallMsOfItem(kPartItems), kTimeTolerance);
   EXPECT_NEAR(received[0].start, received[0].end - kPartMs, kTimeTolerance);
   EXPECT_NEAR(received[0].start, wallMsOfItem(0), kTimeTolerance);
+
+  // Kept: the last frame and step of the part, then the stale item at 2112
+  // (left from the part), then the items after the dropped one.
+  EXPECT_EQ(bufferContent(),
+            concat({items(kPartItems - kKeptItems, kPartItems), items(kKeptItems, kKeptItems + 1),
+                    items(kPartItems + 1, kPartItems + 32)}));
 }
 
 TEST_F(HasherCuttingTest, TheStaleItemBelongsToTheNextPart) {
@@ -154,7 +97,7 @@ TEST_F(HasherCuttingTest, TheStaleItemBelongsToTheNextPart) {
   EXPECT_NEAR(received[1].start, received[1].end - kPartMs, kTimeTolerance);
 }
 
-TEST_F(HasherCuttingTest, PartsFollowEvery1856ItemsIn232MsSteps) {
+TEST_F(HasherCuttingTest, PartsFollowEvery1856ItemsIn232MsStepsOnTheLoopInOrder) {
   feedNext(stream_);
   waitForDeliveries();
 
@@ -165,8 +108,9 @@ TEST_F(HasherCuttingTest, PartsFollowEvery1856ItemsIn232MsSteps) {
     EXPECT_EQ(received[k].fingerprint.size(), 156u) << k;
     EXPECT_NEAR(received[k].end, wallMsOfItem(kPartItems + kCutEvery * k), kTimeTolerance) << k;
     EXPECT_NEAR(received[k].end - received[k].start, kPartMs, kTimeTolerance) << k;
+    EXPECT_TRUE(received[k].onLoop) << k;
   }
-  EXPECT_EQ(fill(), 2113u + (80000u - (kPartItems + kCutEvery * 40) - 1));
+  EXPECT_EQ(bufferContent().size(), 2113u + (80000u - (kPartItems + kCutEvery * 40) - 1));
 }
 
 TEST_F(HasherCuttingTest, BlocksOfAnySizeCutTheSameParts) {
@@ -174,8 +118,7 @@ TEST_F(HasherCuttingTest, BlocksOfAnySizeCutTheSameParts) {
   waitForDeliveries();
   const auto byItem = parts();
   onLoop([this] { delegate_->parts.clear(); });
-  auto other = makeHasher(0.5);
-  onLoop([&] { other->setSending(true); });
+  makeHasher(0.5);
   itemsFed_ = 0;
   feedNext(items(0, 10000), 4096);
   waitForDeliveries();
@@ -191,9 +134,8 @@ TEST_F(HasherCuttingTest, BlocksOfAnySizeCutTheSameParts) {
 TEST_F(HasherCuttingTest, BlockTimesComeFromTheirOwnStampsNotFromTheCount) {
   // Blocks stamped a full second apart (a gap in capture): the part ends at
   // the dropped item's own block time.
-  const auto block = items(0, kBlockItems);
   for (int k = 0; k < 5; ++k)
-    feed(block, kFirstItemTicks + k * 1e9);
+    feed(items(0, kBlockItems), kFirstItemTicks + k * 1e9);
   waitForDeliveries();
   const auto received = parts();
   ASSERT_EQ(received.size(), 1u);
@@ -212,31 +154,27 @@ TEST_F(HasherCuttingTest, FullScaleItemsReachTheHashAsPlusAndMinusOne) {
   const auto shape = noise(128, 5, 30000);
   for (size_t i = 0; i < part.size(); ++i) {
     const int16_t v = shape[i % shape.size()];
-    if (v > 15000) {
-      part[i] = 32767;
-    } else if (v < -15000) {
-      part[i] = i < part.size() / 2 ? -32767 : -32768;
-    } else {
-      part[i] = v;
-    }
+    part[i] = static_cast<int16_t>(v > 15000             ? 32767
+                                   : v >= -15000         ? v
+                                   : i < part.size() / 2 ? -32767
+                                                         : -32768);
   }
   std::vector<float> asPlusMinusOne(part.size());
   std::vector<float> unclamped(part.size());
   for (size_t i = 0; i < part.size(); ++i) {
     unclamped[i] = static_cast<float>(part[i]) / 32767.0f;
-    asPlusMinusOne[i] = part[i] == 32767    ? 1.0f
-                        : part[i] <= -32767 ? -1.0f
-                                            : static_cast<float>(part[i]) / 32767.0f;
+    asPlusMinusOne[i] = std::max(unclamped[i], -1.0f);
   }
   // The test means something only if the two readings hash differently.
-  ASSERT_NE(expectedFingerprintOfFloats(unclamped), expectedFingerprintOfFloats(asPlusMinusOne));
+  const std::string expected = testing::Hashed(asPlusMinusOne).fingerprint();
+  ASSERT_NE(testing::Hashed(unclamped).fingerprint(), expected);
 
   feedNext(part);
   feedNext(items(0, 1));
   waitForDeliveries();
   const auto received = parts();
   ASSERT_EQ(received.size(), 1u);
-  EXPECT_EQ(received[0].fingerprint, expectedFingerprintOfFloats(asPlusMinusOne));
+  EXPECT_EQ(received[0].fingerprint, expected);
 }
 
 }  // namespace

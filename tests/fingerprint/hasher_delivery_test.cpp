@@ -1,16 +1,12 @@
-// Where and when fingerprints arrive: on the loop, in order, through the
-// recorder, and safely when the hasher or its delegate goes away meanwhile.
+// Fingerprints arrive through the recorder, and safely when the hasher or its
+// delegate goes away meanwhile.
 #include <gtest/gtest.h>
 
 #include <future>
-#include <mutex>
-#include <string>
 #include <vector>
 
 #include "fingerprint/hash_queue.h"
-#include "runtime/user_defaults.h"
 #include "tellora/host_fed_audio.h"
-#include "tellora/logging.h"
 #include "tests/fingerprint/hasher_fixture.h"
 
 namespace tellora::hashertest {
@@ -37,21 +33,6 @@ class HashQueueGate {
 };
 
 using HasherDeliveryTest = HasherTest;
-
-TEST_F(HasherDeliveryTest, FingerprintsArriveOnTheLoopInCutOrder) {
-  makeHasher();
-  onLoop([this] { hasher_->setSending(true); });
-  feedNext(noise(kThreeParts, 21));
-  waitForDeliveries();
-  const auto received = parts();
-  ASSERT_EQ(received.size(), 3u);
-  for (size_t k = 0; k < received.size(); ++k) {
-    EXPECT_TRUE(received[k].onLoop) << k;
-    if (k > 0) {
-      EXPECT_NEAR(received[k].end - received[k - 1].end, 232.0, 1e-3) << k;
-    }
-  }
-}
 
 TEST_F(HasherDeliveryTest, BlocksFromARecordingRecorderReachTheHasher) {
   const auto feedSource = TLRHostFedAudio::create();
@@ -80,7 +61,6 @@ TEST_F(HasherDeliveryTest, BlocksFromARecordingRecorderReachTheHasher) {
 
 TEST_F(HasherDeliveryTest, PartsCutBeforeTheHasherIsDestroyedStillArrive) {
   makeHasher();
-  onLoop([this] { hasher_->setSending(true); });
   HashQueueGate gate;
   feedNext(noise(kThreeParts, 23));
   std::weak_ptr<TLRHasher> gone = hasher_;
@@ -96,7 +76,6 @@ TEST_F(HasherDeliveryTest, PartsCutBeforeTheHasherIsDestroyedStillArrive) {
 
 TEST_F(HasherDeliveryTest, ADelegateDestroyedWhilePartsAreInFlightIsNotCalled) {
   makeHasher();
-  onLoop([this] { hasher_->setSending(true); });
   const auto calls = delegate_->calls;
   HashQueueGate gate;
   feedNext(noise(kThreeParts, 24));
@@ -112,7 +91,6 @@ TEST_F(HasherDeliveryTest, ADelegateDestroyedWhilePartsAreInFlightIsNotCalled) {
 
 TEST_F(HasherDeliveryTest, PartsInFlightGoToTheDelegateSetWhenTheyArrive) {
   makeHasher();
-  onLoop([this] { hasher_->setSending(true); });
   HashQueueGate gate;
   feedNext(noise(kThreeParts, 25));
   const auto newer = std::make_shared<CollectingDelegate>();
@@ -121,47 +99,6 @@ TEST_F(HasherDeliveryTest, PartsInFlightGoToTheDelegateSetWhenTheyArrive) {
   waitForDeliveries();
   EXPECT_TRUE(parts().empty());
   EXPECT_EQ(onLoop([&] { return newer->parts.size(); }), 3u);
-}
-
-TEST_F(HasherDeliveryTest, DebugLinesShowTheClockAndTheAgeOfEachBlock) {
-  std::mutex mutex;
-  std::vector<std::string> lines;
-  TLRSetLogSink([&](std::string_view line) {
-    std::lock_guard lock(mutex);
-    lines.emplace_back(line);
-  });
-  UserDefaults::standard().setBool("debug", true);
-  makeHasher();
-  onLoop([this] { hasher_->setSending(true); });
-  // Stamped 600 ms before the clock's now.
-  feed(noise(kBlockItems, 26), kNowTicks - 600 * kTicksPerMs);
-  UserDefaults::standard().setBool("debug", false);
-  TLRSetLogSink({});
-
-  const std::string clockLine =
-      "recorder timeDifference == 1699999995000.000000  timeInMS == 1700000000000.000000  "
-      "absolute time == 5000.000000";
-  std::lock_guard lock(mutex);
-  ASSERT_GE(lines.size(), 3u);
-  // Once at creation; then, per appended block, the clock again and the age.
-  EXPECT_EQ(lines[0], clockLine);
-  EXPECT_EQ(lines[lines.size() - 2], clockLine);
-  EXPECT_EQ(lines.back(), "match_a_t 600.000000 itemsCount = 800");
-}
-
-TEST_F(HasherDeliveryTest, NoDebugLinesWhileTheSwitchIsOff) {
-  std::mutex mutex;
-  std::vector<std::string> lines;
-  TLRSetLogSink([&](std::string_view line) {
-    std::lock_guard lock(mutex);
-    lines.emplace_back(line);
-  });
-  makeHasher();
-  onLoop([this] { hasher_->setSending(true); });
-  feedNext(noise(kBlockItems, 27));
-  TLRSetLogSink({});
-  std::lock_guard lock(mutex);
-  EXPECT_TRUE(lines.empty());
 }
 
 }  // namespace

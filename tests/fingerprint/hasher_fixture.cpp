@@ -1,13 +1,8 @@
 #include "tests/fingerprint/hasher_fixture.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "fingerprint/hash_queue.h"
-#include "fingerprint/part_fingerprint.h"
-#include "fingerprint/pcm.h"
-#include "runtime/user_defaults.h"
-#include "tellora/audiohash.h"
 
 namespace tellora::hashertest {
 
@@ -21,26 +16,6 @@ std::vector<int16_t> noise(size_t n, uint32_t seed, int amplitude) {
   return items;
 }
 
-std::string expectedFingerprintOfFloats(std::span<const float> samples) {
-  hashst state;
-  inithashst(&state);
-  hashres result{};
-  EXPECT_EQ(audiohash(samples.data(), static_cast<uint32_t>(samples.size()), &result, &state, 0,
-                      static_cast<int32_t>(kRate)),
-            0);
-  std::vector<uint32_t> words;
-  if (result.nbhashes > 0) words.assign(result.hashes, result.hashes + result.nbhashes);
-  freehash(&result);
-  freehashst(&state);
-  return fingerprintFromWords(words);
-}
-
-std::string expectedFingerprint(std::span<const int16_t> items) {
-  std::vector<float> samples(items.size());
-  pcmItemsToFloats(items.data(), items.size(), samples.data());
-  return expectedFingerprintOfFloats(samples);
-}
-
 std::vector<int16_t> concat(std::initializer_list<std::span<const int16_t>> pieces) {
   std::vector<int16_t> all;
   for (auto piece : pieces)
@@ -49,12 +24,6 @@ std::vector<int16_t> concat(std::initializer_list<std::span<const int16_t>> piec
 }
 
 void HasherTest::SetUp() {
-  // The debug switch lives in the standard store: keep the real one out.
-  std::string pattern = (std::filesystem::temp_directory_path() / "tellora-hasher-XXXXXX").string();
-  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-  folder_ = pattern;
-  UserDefaults::setStandardPath(folder_ / "defaults.json");
-
   clock_.wall = kWallSeconds;
   clock_.ticks = kNowTicks;
   setClockForTesting(&clock_);
@@ -70,13 +39,13 @@ void HasherTest::TearDown() {
   });
   waitForDeliveries();
   setClockForTesting(nullptr);
-  std::filesystem::remove_all(folder_);
 }
 
-std::shared_ptr<TLRHasher> HasherTest::makeHasher(double partDuration) {
-  hasher_ = onLoop([this, partDuration] {
+std::shared_ptr<TLRHasher> HasherTest::makeHasher(double partDuration, bool sending) {
+  hasher_ = onLoop([this, partDuration, sending] {
     auto hasher = TLRHasher::create(recorder_, partDuration);
     hasher->setDelegate(delegate_);
+    hasher->setSending(sending);
     return hasher;
   });
   return hasher_;
@@ -105,6 +74,13 @@ void HasherTest::waitForDeliveries() {
 
 std::vector<ReceivedPart> HasherTest::parts() {
   return onLoop([this] { return delegate_->parts; });
+}
+
+std::vector<int16_t> HasherTest::bufferContent() {
+  return onLoop([this] {
+    auto all = hasher_->buffer();
+    return std::vector<int16_t>(all.begin(), all.begin() + hasher_->bufferItemsFill());
+  });
 }
 
 double HasherTest::wallMsOfItem(uint64_t index) {

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <span>
 #include <string>
@@ -16,6 +15,8 @@
 #include "fingerprint/hasher.h"
 #include "runtime/clock.h"
 #include "runtime/event_loop.h"
+#include "tests/fingerprint/audiohash/hashed.h"
+#include "tests/runtime/runtime_sandbox.h"
 
 namespace tellora::hashertest {
 
@@ -58,8 +59,9 @@ class CollectingDelegate final : public TLRHasherDelegate {
 std::vector<int16_t> noise(size_t n, uint32_t seed, int amplitude = 12000);
 
 // The fingerprint of exactly these items, computed straight from the audio hash.
-std::string expectedFingerprint(std::span<const int16_t> items);
-std::string expectedFingerprintOfFloats(std::span<const float> samples);
+inline std::string expectedFingerprint(std::span<const int16_t> items) {
+  return testing::Hashed(items).fingerprint();
+}
 
 std::vector<int16_t> concat(std::initializer_list<std::span<const int16_t>> pieces);
 
@@ -81,7 +83,7 @@ class HasherTest : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  std::shared_ptr<TLRHasher> makeHasher(double partDuration = 0.5);
+  std::shared_ptr<TLRHasher> makeHasher(double partDuration = 0.5, bool sending = true);
   // Hands `items` to the hasher in blocks, as the recorder would, the first
   // item stamped `firstTicks` and every block stamped by its position.
   void feed(std::span<const int16_t> items, double firstTicks, uint32_t blockItems = kBlockItems);
@@ -90,11 +92,13 @@ class HasherTest : public ::testing::Test {
   // Waits until every part cut so far has reached its delegate.
   static void waitForDeliveries();
   std::vector<ReceivedPart> parts();
+  // The items the hasher holds for the next part.
+  std::vector<int16_t> bufferContent();
   // Wall-clock ms of item `index` of the stream fed with feedNext.
   static double wallMsOfItem(uint64_t index);
 
+  testing::RuntimeSandbox sandbox_;
   FakeClock clock_;
-  std::filesystem::path folder_;
   std::shared_ptr<TLRRecorder> recorder_;
   std::shared_ptr<TLRHasher> hasher_;
   std::shared_ptr<CollectingDelegate> delegate_ = std::make_shared<CollectingDelegate>();

@@ -4,8 +4,9 @@
 
 #include <cmath>
 #include <limits>
-#include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -22,7 +23,7 @@ json wire(TLRClientMessage& message) {
   return bytes ? json::parse(*bytes) : json();
 }
 
-TEST(MessageIdTest, IdsFollowTheOrderOfFirstSerialisationAcrossTypes) {
+TEST(MessageIdTest, IdsFollowTheOrderOfFirstSerialisationAndStayPut) {
   TLRCLMessageSetMode mode(3, {});
   TLRCLMessageGetTime time([](double) {});
   TLRCLMessageGetAllNearby nearby([](const json&) {});
@@ -30,17 +31,11 @@ TEST(MessageIdTest, IdsFollowTheOrderOfFirstSerialisationAcrossTypes) {
 
   // Created mode, time, nearby; serialised nearby, mode, time.
   const int64_t first = wire(nearby)["id"];
-  EXPECT_EQ(wire(mode)["id"], first + 1);
+  const std::string modeBytes = *mode.messageData();
+  EXPECT_EQ(json::parse(modeBytes)["id"], first + 1);
   EXPECT_EQ(wire(time)["id"], first + 2);
-}
-
-TEST(MessageIdTest, SerialisingTwiceKeepsTheIdAndTheBytes) {
-  TLRCLMessageAddFingerprint message("AAAA", 1.5, 2.5, {});
-  const std::optional<std::string> once = message.messageData();
-  const std::optional<std::string> twice = message.messageData();
-  ASSERT_TRUE(once && twice);
-  EXPECT_EQ(*once, *twice);
-  EXPECT_EQ(json::parse(*once)["id"], message.messageID());
+  EXPECT_EQ(*mode.messageData(), modeBytes);
+  EXPECT_EQ(mode.messageID(), first + 1);
 }
 
 TEST(MessageIdTest, AFailedSerialisationStillUsesUpAnId) {
@@ -53,78 +48,37 @@ TEST(MessageIdTest, AFailedSerialisationStillUsesUpAnId) {
   EXPECT_EQ(wire(next)["id"], broken.messageID() + 1);
 }
 
-class WireFormatTest : public ::testing::Test {};
-
-TEST_F(WireFormatTest, OutputIsCompactJson) {
-  TLRCLMessageSetMode message(1, {});
-  const std::string bytes = *message.messageData();
-  EXPECT_EQ(bytes.find(' '), std::string::npos);
-  EXPECT_EQ(bytes.find('\n'), std::string::npos);
-}
-
-TEST_F(WireFormatTest, SetModeSendsTheModeAsAnInteger) {
-  TLRCLMessageSetMode message(3, [] {});
-  const json sent = wire(message);
-  EXPECT_EQ(sent["type"], 0);
-  EXPECT_EQ(sent["data"], json({{"mode", 3}}));
-  EXPECT_TRUE(sent["data"]["mode"].is_number_integer());
-}
-
-TEST_F(WireFormatTest, PayloadTextIsTheBareDataValue) {
-  TLRCLMessageSetPayload message(std::string("hello {\"x\"}"), [] {});
-  const json sent = wire(message);
-  EXPECT_EQ(sent["type"], 1);
-  ASSERT_TRUE(sent["data"].is_string());
-  EXPECT_EQ(sent["data"], "hello {\"x\"}");
-}
-
-TEST_F(WireFormatTest, EmptyPayloadTextIsStillSent) {
-  TLRCLMessageSetPayload message(std::string(), [] {});
-  const json sent = wire(message);
-  ASSERT_TRUE(sent.contains("data"));
-  EXPECT_EQ(sent["data"], "");
-}
-
-TEST_F(WireFormatTest, GetAllNearbyAndAFirstGetTimeHaveNoDataKey) {
+TEST(WireFormatTest, EachMessageSendsItsTypeAndOwnDataAsCompactJson) {
+  TLRCLMessageSetMode mode(3, {});
+  TLRCLMessageSetPayload payload(std::string("hello{\"x\":1}"), {});
+  TLRCLMessageSetPayload emptyPayload(std::string(), {});
   TLRCLMessageGetAllNearby nearby([](const json&) {});
   TLRCLMessageGetTime time([](double) {});
-  const json nearbySent = wire(nearby);
-  const json timeSent = wire(time);
-  EXPECT_EQ(nearbySent["type"], 2);
-  EXPECT_FALSE(nearbySent.contains("data"));
-  EXPECT_EQ(timeSent["type"], 3);
-  EXPECT_FALSE(timeSent.contains("data"));
-  EXPECT_EQ(nearbySent.size(), 2u);
+  TLRCLMessageAddFingerprint fingerprint("q83vAA==", 1700000000123.625, 1700000000620.125, {});
+  TLRCLMessageSetEnvironment environment({55.75, 37.62}, {"aa:bb:cc:dd:ee:ff"}, {});
+  const json fingerprintData = {
+      {"fp", "q83vAA=="}, {"stime", 1700000000123.625}, {"etime", 1700000000620.125}};
+  const std::vector<std::pair<TLRClientMessage*, json>> cases = {
+      {&mode, {{"type", 0}, {"data", {{"mode", 3}}}}},
+      {&payload, {{"type", 1}, {"data", "hello{\"x\":1}"}}},  // the bare text
+      {&emptyPayload, {{"type", 1}, {"data", ""}}},
+      {&nearby, {{"type", 2}}},
+      {&time, {{"type", 3}}},
+      {&fingerprint, {{"type", 4}, {"data", fingerprintData}}},  // fractions kept
+      {&environment, {{"type", 5}, {"data", json::object()}}},   // never the values given
+  };
+  for (const auto& [message, expected] : cases) {
+    const std::string bytes = *message->messageData();
+    EXPECT_EQ(bytes.find_first_of(" \n"), std::string::npos) << bytes;
+    json sent = json::parse(bytes);
+    EXPECT_TRUE(sent["id"].is_number_integer()) << bytes;
+    sent.erase("id");
+    EXPECT_EQ(sent, expected) << bytes;
+  }
+  EXPECT_TRUE(wire(mode)["data"]["mode"].is_number_integer());
 }
 
-TEST_F(WireFormatTest, FingerprintKeepsTheFractionsOfItsTimes) {
-  TLRCLMessageAddFingerprint message("q83vAA==", 1700000000123.625, 1700000000620.125, {});
-  const json sent = wire(message);
-  EXPECT_EQ(sent["type"], 4);
-  EXPECT_EQ(sent["data"]["fp"], "q83vAA==");
-  EXPECT_DOUBLE_EQ(sent["data"]["stime"].get<double>(), 1700000000123.625);
-  EXPECT_DOUBLE_EQ(sent["data"]["etime"].get<double>(), 1700000000620.125);
-  EXPECT_TRUE(sent["data"]["stime"].is_number_float());
-}
-
-TEST_F(WireFormatTest, EnvironmentAlwaysSendsAnEmptyObject) {
-  TLRCLMessageSetEnvironment message({55.75, 37.62}, {"aa:bb:cc:dd:ee:ff", "00:11:22:33:44:55"},
-                                     [] {});
-  const json sent = wire(message);
-  EXPECT_EQ(sent["type"], 5);
-  ASSERT_TRUE(sent.contains("data"));
-  EXPECT_EQ(sent["data"], json::object());
-}
-
-TEST_F(WireFormatTest, EnvironmentSettersFillDataOnceItExists) {
-  TLRCLMessageSetEnvironment message({1, 2}, {"a"}, {});
-  message.setLocation({55.5, 37.25});
-  message.setMacAddress({"aa", "bb"});
-  EXPECT_EQ(message.data(),
-            json({{"geo", {{"lat", 55.5}, {"lng", 37.25}}}, {"wifi", {"aa", "bb"}}}));
-}
-
-TEST_F(WireFormatTest, TypedGettersStayEmpty) {
+TEST(WireFormatTest, TypedGettersStayEmptyAndOnlyEnvironmentSettersFillData) {
   TLRCLMessageSetMode mode(3, {});
   TLRCLMessageSetPayload payload(std::string("p"), {});
   TLRCLMessageAddFingerprint fingerprint("fp", 1.5, 2.5, {});
@@ -132,21 +86,22 @@ TEST_F(WireFormatTest, TypedGettersStayEmpty) {
   EXPECT_EQ(mode.clientMode(), 0);
   EXPECT_TRUE(payload.payload().is_null());
   EXPECT_EQ(fingerprint.fingerprint(), "");
-  EXPECT_EQ(fingerprint.startTime(), 0.0);
-  EXPECT_EQ(fingerprint.endTime(), 0.0);
-  EXPECT_EQ(environment.location().latitude, 0.0);
-  EXPECT_EQ(environment.location().longitude, 0.0);
+  EXPECT_EQ(fingerprint.startTime() + fingerprint.endTime(), 0.0);
+  EXPECT_EQ(environment.location().latitude + environment.location().longitude, 0.0);
   EXPECT_TRUE(environment.macAddress().empty());
+
+  environment.setLocation({55.5, 37.25});
+  environment.setMacAddress({"aa", "bb"});
+  EXPECT_EQ(environment.data(),
+            json({{"geo", {{"lat", 55.5}, {"lng", 37.25}}}, {"wifi", {"aa", "bb"}}}));
 }
 
-TEST_F(WireFormatTest, UnwritableDataGivesNoBytes) {
+TEST(WireFormatTest, UnwritableDataGivesNoBytes) {
   TLRCLMessageAddFingerprint badText("\xc3\x28", 1, 2, {});
-  EXPECT_FALSE(badText.messageData().has_value());
-
   TLRCLMessageAddFingerprint notANumber("fp", std::nan(""), 2, {});
-  EXPECT_FALSE(notANumber.messageData().has_value());
-
   TLRCLMessageSetPayload infinite(json::array({1.0, std::numeric_limits<double>::infinity()}), {});
+  EXPECT_FALSE(badText.messageData().has_value());
+  EXPECT_FALSE(notANumber.messageData().has_value());
   EXPECT_FALSE(infinite.messageData().has_value());
 }
 

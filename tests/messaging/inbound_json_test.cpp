@@ -54,7 +54,7 @@ TEST(IntegerMemberTest, OnlyIntegersThatFitCount) {
   EXPECT_FALSE(integerMember(json::array({1}), "int").has_value());
 }
 
-TEST(LenientDoubleTest, ReadsTheLeadingNumber) {
+TEST(LenientDoubleTest, ReadsTheLeadingNumberZeroWithoutOneAndSaturates) {
   EXPECT_EQ(lenientDouble("1234.5"), 1234.5);
   EXPECT_EQ(lenientDouble("  -12.25abc"), -12.25);
   EXPECT_EQ(lenientDouble("+7"), 7.0);
@@ -64,22 +64,14 @@ TEST(LenientDoubleTest, ReadsTheLeadingNumber) {
   EXPECT_EQ(lenientDouble("1e"), 1.0);
   EXPECT_EQ(lenientDouble("2E-1"), 0.2);
   EXPECT_EQ(lenientDouble("1700000000123.625"), 1700000000123.625);
-}
-
-TEST(LenientDoubleTest, NoNumberReadsAsZero) {
-  for (const char* text : {"", "abc", "-", ".", "e5", "nan", "inf", "0x10", " "}) {
-    const double value = lenientDouble(text);
-    EXPECT_EQ(value, 0.0) << text;
-  }
-}
-
-TEST(LenientDoubleTest, OutOfRangeSaturates) {
-  EXPECT_EQ(lenientDouble("1e400"), HUGE_VAL);
   EXPECT_EQ(lenientDouble("-1e400"), -HUGE_VAL);
-  EXPECT_EQ(lenientDouble("1e-400"), 0.0);
-  EXPECT_EQ(lenientDouble("0." + std::string(400, '0') + "1"), 0.0);
-  EXPECT_EQ(lenientDouble(std::string(400, '9')), HUGE_VAL);
-  EXPECT_EQ(lenientDouble("1e99999999999999999999"), HUGE_VAL);
+  const std::string tiny = "0." + std::string(400, '0') + "1";
+  for (const std::string& zero : std::vector<std::string>{"", "abc", "-", ".", "e5", "nan", "inf",
+                                                          "0x10", " ", "1e-400", tiny})
+    EXPECT_EQ(lenientDouble(zero), 0.0) << zero;
+  for (const std::string& huge :
+       std::vector<std::string>{"1e400", std::string(400, '9'), "1e99999999999999999999"})
+    EXPECT_EQ(lenientDouble(huge), HUGE_VAL) << huge;
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,35 +12,12 @@ namespace tellora::testing {
 namespace {
 
 using nlohmann::json;
+using Replies = std::vector<WsReply>;
 
-// Thread-safe list of what callbacks received.
-template <class T>
-class Collected {
- public:
-  void add(T value) {
-    std::lock_guard lock(mutex_);
-    values_.push_back(std::move(value));
-  }
-  std::vector<T> values() const {
-    std::lock_guard lock(mutex_);
-    return values_;
-  }
-  size_t size() const { return values().size(); }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<T> values_;
-};
-
-// A plain server: every request answered at once with its id.
-std::vector<WsReply> answerAtOnce(const json& request) {
-  return {replyTo(request)};
-}
-
-class RequestReplyTest : public MessageServiceTest {};
+using RequestReplyTest = MessageServiceTest;
 
 TEST_F(RequestReplyTest, RepliesReachTheCallbackOfTheirRequestByType) {
-  answerWith([](const json& request) -> std::vector<WsReply> {
+  connect([](const json& request) -> Replies {
     switch (request["type"].get<int>()) {
       case 2:
         return {replyTo(request, {{"data", {{"nearby", {{{"clientId", "a"}}}}}}})};
@@ -52,12 +28,9 @@ TEST_F(RequestReplyTest, RepliesReachTheCallbackOfTheirRequestByType) {
         return {replyTo(request, {{"type", 2}})};
     }
   });
-  createService();
-  openAndWait();
-
   std::atomic<int> done{0};
-  Collected<json> nearby;
-  Collected<double> times;
+  Recorded<json> nearby;
+  Recorded<double> times;
   onLoop([&] {
     service_->establishClientMode(3, [&] { ++done; });
     service_->establishClientPayload(std::string("payload"), [&] { ++done; });
@@ -83,15 +56,11 @@ TEST_F(RequestReplyTest, RepliesReachTheCallbackOfTheirRequestByType) {
 }
 
 TEST_F(RequestReplyTest, RepliesOutOfOrderFindTheirOwnRequests) {
-  answerWith([](const json& request) -> std::vector<WsReply> {
+  connect([](const json& request) -> Replies {
     // The first request is answered last.
-    const auto delay = request["data"]["mode"] == 1 ? 150ms : 0ms;
-    return {replyTo(request, {}, delay)};
+    return {replyTo(request, {}, request["data"]["mode"] == 1 ? 150ms : 0ms)};
   });
-  createService();
-  openAndWait();
-
-  Collected<int> order;
+  Recorded<int> order;
   onLoop([&] {
     service_->establishClientMode(1, [&] { order.add(1); });
     service_->establishClientMode(2, [&] { order.add(2); });
@@ -101,278 +70,191 @@ TEST_F(RequestReplyTest, RepliesOutOfOrderFindTheirOwnRequests) {
 }
 
 TEST_F(RequestReplyTest, ASecondReplyWithTheSameIdFindsNothing) {
-  answerWith([](const json& request) -> std::vector<WsReply> {
+  connect([](const json& request) -> Replies {
     return {replyTo(request), replyTo(request, {}, 20ms)};
   });
-  createService();
-  openAndWait();
-
   std::atomic<int> calls{0};
   onLoop([&] { service_->establishClientMode(3, [&] { ++calls; }); });
-  ASSERT_TRUE(waitUntil([&] { return onLoop([&] { return service_->allMessagesCount(); }) == 2; }));
+  ASSERT_TRUE(waitUntil([&] { return allMessages() == 2; }));
   EXPECT_EQ(calls, 1);
   // Matched nothing, so measured from 1970: a very slow reply.
   EXPECT_EQ(onLoop([&] { return service_->badDelaysCount(); }), 1u);
 }
 
 TEST_F(RequestReplyTest, NothingIsSentOrKeptWhileDisconnected) {
-  answerWith(answerAtOnce);
+  answerWith({});
   createService();
   std::atomic<int> calls{0};
-  onLoop([&] {
-    service_->requestTime([&](double) { ++calls; });
-    service_->addFingerprint("AAAA", 1, 2, [&] { ++calls; });
-    service_->requestAllNearbyWithCallback([&](const json&) { ++calls; });
-    EXPECT_TRUE(service_->sendedMessages().empty());
-  });
+  auto requestAll = [&] {
+    onLoop([&] {
+      service_->requestTime([&](double) { ++calls; });
+      service_->addFingerprint("AAAA", 1, 2, [&] { ++calls; });
+      service_->requestAllNearbyWithCallback([&](const json&) { ++calls; });
+      service_->establishClientPayload(std::string("p"), [&] { ++calls; });
+      EXPECT_TRUE(service_->sendedMessages().empty());
+    });
+  };
+  requestAll();
   EXPECT_EQ(server_.log().upgrades.size(), 0u);
 
   // Nor after a close.
   openAndWait();
   onLoop([&] { service_->closeConnection(); });
   ASSERT_TRUE(server_.waitForEndedConnections(1));
-  onLoop([&] {
-    service_->establishClientPayload(std::string("p"), [&] { ++calls; });
-    EXPECT_TRUE(service_->sendedMessages().empty());
-  });
+  requestAll();
   EXPECT_TRUE(server_.log().frames.empty());
   EXPECT_EQ(calls, 0);
 }
 
 TEST_F(RequestReplyTest, SetModeOpensAClosedConnectionAndSendsOnceOpen) {
-  answerWith(answerAtOnce);
+  answerWith({});
   createService();
-  std::atomic<int> calls{0};
-  onLoop([&] { service_->establishClientMode(3, [&] { ++calls; }); });
-  ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
+  roundTrip(3);
   const auto requests = receivedRequests();
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0]["data"], json({{"mode", 3}}));
 }
 
 TEST_F(RequestReplyTest, AnUnwritableRequestIsNeitherSentNorKept) {
-  answerWith(answerAtOnce);
-  createService();
-  openAndWait();
+  connect();
   onLoop([&] {
     service_->addFingerprint("\xc3\x28", 1, 2, {});
     EXPECT_TRUE(service_->sendedMessages().empty());
   });
-  std::atomic<int> calls{0};
-  onLoop([&] { service_->establishClientMode(1, [&] { ++calls; }); });
-  ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
+  roundTrip(1);
   EXPECT_EQ(server_.log().frames.size(), 1u);
 }
 
 TEST_F(RequestReplyTest, DebugLinesAppearOnlyWithTheDebugSwitch) {
-  answerWith(answerAtOnce);
-  createService();
-  openAndWait();
-  std::atomic<int> calls{0};
-  onLoop([&] { service_->addFingerprint("QUJD", 12.5, 14.25, [&] { ++calls; }); });
-  ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
-  EXPECT_TRUE(logLines().empty());
-
-  setDebug(true);
-  onLoop([&] { service_->addFingerprint("QUJD", 12.5, 14.25, [&] { ++calls; }); });
-  ASSERT_TRUE(waitUntil([&] { return calls == 2; }));
-  EXPECT_EQ(countLogLines("initWithFingerprint: QUJD withStartTime: 12.500000  andEndTime: "
-                          "14.250000"),
-            1u);
-  EXPECT_EQ(countLogLines("Send message - 4"), 1u);
-  EXPECT_EQ(countLogLines("Ответ менее 1 сек"), 1u);
+  connect();
+  roundTrip();
+  EXPECT_TRUE(sandbox_.logLines().empty());
+  sandbox_.setDebug(true);
+  roundTrip();
+  EXPECT_EQ(sandbox_.countLog("Send message - 0"), 1u);
 }
 
-class TimeReplyTest : public MessageServiceTest {};
+using TimeReplyTest = MessageServiceTest;
 
-TEST_F(TimeReplyTest, TextNumberAndMissingTimesAndTheRecordSentBack) {
-  const std::vector<json> replies = {
+TEST_F(TimeReplyTest, TimesReadAsALeadingNumberOrZeroAndEachReplyTravelsBack) {
+  std::vector<json> replies = {
       {{"data", {{"time", "1234.5"}}}}, {{"data", {{"time", 1234.5}}}}, json::object()};
+  for (json odd : {json(" 12.5xyz"), json("abc"), json(true), json::array({5}), json(), json(-7)})
+    replies.push_back({{"data", {{"time", odd}}}});
   std::atomic<size_t> next{0};
-  answerWith([&](const json& request) -> std::vector<WsReply> {
-    const size_t index = next++;
-    return {replyTo(request, index < replies.size() ? replies[index] : json::object())};
+  connect([&](const json& request) -> Replies {
+    return {replyTo(request, replies.at(next++ % replies.size()))};
   });
-  createService();
-  openAndWait();
 
-  Collected<double> times;
+  Recorded<double> times;
   for (size_t i = 0; i < replies.size(); ++i) {
     onLoop([&] { service_->requestTime([&](double time) { times.add(time); }); });
     ASSERT_TRUE(waitUntil([&] { return times.size() == i + 1; }));
   }
-  EXPECT_EQ(times.values(), (std::vector<double>{1234.5, 1234.5, 0.0}));
+  EXPECT_EQ(times.values(), (std::vector<double>{1234.5, 1234.5, 0, 12.5, 0, 0, 0, 0, -7}));
 
+  // From the second request on, each carries a record of the previous reply.
   const auto requests = receivedRequests();
-  ASSERT_EQ(requests.size(), 3u);
   EXPECT_FALSE(requests[0].contains("data"));
-  auto echoed = [&](size_t i) {
+  auto record = [&](size_t i) {
     json reply = replies[i];
     reply["requestId"] = requests[i]["id"];
     return ">>>" + reply.dump() + "<<< ";
   };
-  EXPECT_EQ(requests[1]["data"], json({{"d", echoed(0) + "[1234.5] [1234.500000] "}}));
-  EXPECT_EQ(requests[2]["data"], json({{"d", echoed(1) + "[1234.5] [1234.500000] "}}));
-
-  // The record of the missing time travels with the next request.
-  onLoop([&] { service_->requestTime({}); });
-  ASSERT_TRUE(server_.waitForFrames(4));
-  EXPECT_EQ(receivedRequests()[3]["data"]["d"], echoed(2) + "[] [0.000000] ");
+  EXPECT_EQ(requests[1]["data"], json({{"d", record(0) + "[1234.5] [1234.500000] "}}));
+  EXPECT_EQ(requests[2]["data"], json({{"d", record(1) + "[1234.5] [1234.500000] "}}));
+  EXPECT_EQ(requests[3]["data"]["d"], record(2) + "[] [0.000000] ");
 }
 
-TEST_F(TimeReplyTest, OddTimeValuesReadAsALeadingNumberOrZero) {
-  const std::vector<json> times = {" 12.5xyz", "abc", true, json::array({5}), nullptr, -7};
-  std::atomic<size_t> next{0};
-  answerWith([&](const json& request) -> std::vector<WsReply> {
-    const size_t index = next++;
-    return {replyTo(request, {{"data", {{"time", times.at(index % times.size())}}}})};
-  });
-  createService();
-  openAndWait();
-
-  Collected<double> received;
-  for (size_t i = 0; i < times.size(); ++i) {
-    onLoop([&] { service_->requestTime([&](double time) { received.add(time); }); });
-    ASSERT_TRUE(waitUntil([&] { return received.size() == i + 1; }));
-  }
-  EXPECT_EQ(received.values(), (std::vector<double>{12.5, 0, 0, 0, 0, -7}));
-}
-
-class SpeedStatusTest : public MessageServiceTest {};
+using SpeedStatusTest = MessageServiceTest;
 
 TEST_F(SpeedStatusTest, TheFifthFastReplyInARowAndEveryFurtherOnePostHight) {
-  answerWith(answerAtOnce);
-  createService();
-  openAndWait();
-
-  std::atomic<int> calls{0};
+  connect();
   for (int i = 1; i <= 6; ++i) {
-    onLoop([&] { service_->establishClientMode(i, [&] { ++calls; }); });
-    ASSERT_TRUE(waitUntil([&] { return calls == i; }));
-    EXPECT_EQ(speedStatuses().size(), i < 5 ? 0u : size_t(i - 4)) << "reply " << i;
+    roundTrip(i);
+    EXPECT_EQ(speedStatuses_->size(), i < 5 ? 0u : size_t(i - 4)) << "reply " << i;
   }
-  EXPECT_EQ(speedStatuses(), (std::vector<std::string>{"hight", "hight"}));
+  EXPECT_EQ(speedStatuses_->values(), (std::vector<std::string>{"hight", "hight"}));
   EXPECT_EQ(onLoop([&] { return service_->speed(); }), TLRSpeedHight);
   EXPECT_EQ(onLoop([&] { return service_->delayLessThenOneSecCount(); }), 6u);
 }
 
 TEST_F(SpeedStatusTest, ASlowFingerprintReplyPostsLowAndEndsTheFastRun) {
-  answerWith([](const json& request) -> std::vector<WsReply> {
+  connect([](const json& request) -> Replies {
     return {replyTo(request, {}, request["type"] == 4 ? 1100ms : 0ms)};
   });
-  createService();
-  openAndWait();
-  setDebug(true);
-
-  std::atomic<int> calls{0};
-  onLoop([&] {
-    for (int i = 0; i < 3; ++i)
-      service_->establishClientMode(i, [&] { ++calls; });
-  });
-  ASSERT_TRUE(waitUntil([&] { return calls == 3; }));
+  for (int i = 0; i < 3; ++i)
+    roundTrip(i);
   EXPECT_EQ(onLoop([&] { return service_->delayLessThenOneSecCount(); }), 3u);
 
-  onLoop([&] { service_->addFingerprint("AAAA", 1, 2, [&] { ++calls; }); });
-  ASSERT_TRUE(waitUntil([&] { return calls == 4; }));
-  EXPECT_EQ(speedStatuses(), (std::vector<std::string>{"low"}));
+  std::atomic<bool> added{false};
+  onLoop([&] { service_->addFingerprint("AAAA", 1, 2, [&] { added = true; }); });
+  ASSERT_TRUE(waitUntil([&] { return added.load(); }));
+  EXPECT_EQ(speedStatuses_->values(), (std::vector<std::string>{"low"}));
   EXPECT_EQ(onLoop([&] { return service_->speed(); }), TLRSpeedLow);
   EXPECT_EQ(onLoop([&] { return service_->delayLessThenOneSecCount(); }), 0u);
-  EXPECT_EQ(countLogLinesStartingWith("Медленно 1."), 1u);
-  EXPECT_EQ(countLogLines("send message with speedStatus low"), 1u);
 }
 
 TEST_F(SpeedStatusTest, ASlowReplyOfAnotherTypeChangesNothing) {
-  answerWith([](const json& request) -> std::vector<WsReply> {
+  connect([](const json& request) -> Replies {
     return {replyTo(request, {}, request["data"]["mode"] == 9 ? 1100ms : 0ms)};
   });
-  createService();
-  openAndWait();
-
-  std::atomic<int> calls{0};
-  onLoop([&] {
-    service_->establishClientMode(1, [&] { ++calls; });
-    service_->establishClientMode(2, [&] { ++calls; });
-  });
-  ASSERT_TRUE(waitUntil([&] { return calls == 2; }));
-  onLoop([&] { service_->establishClientMode(9, [&] { ++calls; }); });
-  ASSERT_TRUE(waitUntil([&] { return calls == 3; }));
-  EXPECT_TRUE(speedStatuses().empty());
+  roundTrip(1);
+  roundTrip(2);
+  roundTrip(9);
+  EXPECT_TRUE(speedStatuses_->values().empty());
   EXPECT_EQ(onLoop([&] { return service_->speed(); }), TLRSpeedHight);
   EXPECT_EQ(onLoop([&] { return service_->delayLessThenOneSecCount(); }), 2u);
 }
 
 TEST_F(SpeedStatusTest, AFingerprintReplyAfterThreeSecondsPostsInvalidConnection) {
-  answerWith(
-      [](const json& request) -> std::vector<WsReply> { return {replyTo(request, {}, 3050ms)}; });
-  createService();
-  openAndWait();
-
-  std::atomic<int> calls{0};
-  onLoop([&] { service_->addFingerprint("AAAA", 1, 2, [&] { ++calls; }); });
-  ASSERT_TRUE(waitUntil([&] { return calls == 1; }, 10s));
-  EXPECT_EQ(speedStatuses(), (std::vector<std::string>{"invalidConnection"}));
+  connect([](const json& request) -> Replies { return {replyTo(request, {}, 3050ms)}; });
+  std::atomic<bool> added{false};
+  onLoop([&] { service_->addFingerprint("AAAA", 1, 2, [&] { added = true; }); });
+  ASSERT_TRUE(waitUntil([&] { return added.load(); }, 10s));
+  EXPECT_EQ(speedStatuses_->values(), (std::vector<std::string>{"invalidConnection"}));
   EXPECT_EQ(onLoop([&] { return service_->speed(); }), TLRSpeedInvalidConnection);
 }
 
-class PushTest : public MessageServiceTest {};
+using PushTest = MessageServiceTest;
 
-TEST_F(PushTest, NearbyPushesReachTheDelegate) {
-  answerWith(answerAtOnce);
-  createService();
-  openAndWait();
-
+TEST_F(PushTest, NearbyPushesReachTheDelegateAndCountAsSlowUntilAFastReply) {
+  connect();
   server_.pushText(R"({"type":102,"data":{"clientId":"c1","payload":{"name":"x"}}})");
   server_.pushText(R"({"type":102,"data":{"clientId":"c2"}})");
   server_.pushText(R"({"type":103,"data":{"clientId":"c1"}})");
-  ASSERT_TRUE(waitUntil([&] { return delegate_->removed().size() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return delegate_->removed.size() == 1; }));
 
-  const auto added = delegate_->added();
+  const auto added = delegate_->added.values();
   ASSERT_EQ(added.size(), 2u);
   EXPECT_EQ(added[0].first, "c1");
   EXPECT_EQ(added[0].second, json({{"name", "x"}}));
   EXPECT_EQ(added[1].first, "c2");
   EXPECT_TRUE(added[1].second.is_null());
-  EXPECT_EQ(delegate_->removed(), (std::vector<std::string>{"c1"}));
-}
+  EXPECT_EQ(delegate_->removed.values(), (std::vector<std::string>{"c1"}));
 
-TEST_F(PushTest, PushesCountAsSlowUntilAReplyWithinTwentyFiveSeconds) {
-  answerWith(answerAtOnce);
-  createService();
-  openAndWait();
-
-  server_.pushText(R"({"type":102,"data":{"clientId":"c1"}})");
-  server_.pushText(R"({"type":103,"data":{"clientId":"c1"}})");
-  ASSERT_TRUE(waitUntil([&] { return delegate_->removed().size() == 1; }));
-  EXPECT_EQ(onLoop([&] { return service_->badDelaysCount(); }), 2u);
-
-  std::atomic<int> calls{0};
-  onLoop([&] { service_->establishClientMode(3, [&] { ++calls; }); });
-  ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
+  // A push matches no request, so it counts as a reply slower than 25 s.
+  EXPECT_EQ(onLoop([&] { return service_->badDelaysCount(); }), 3u);
+  roundTrip();
   EXPECT_EQ(onLoop([&] { return service_->badDelaysCount(); }), 0u);
 }
 
 TEST_F(PushTest, AReplyThatAlsoCarriesAPushTypeIsBoth) {
-  answerWith([](const json& request) -> std::vector<WsReply> {
+  connect([](const json& request) -> Replies {
     return {replyTo(request, {{"type", 103}, {"data", {{"clientId", "gone"}}}})};
   });
-  createService();
-  openAndWait();
-  std::atomic<int> calls{0};
-  onLoop([&] { service_->establishClientMode(3, [&] { ++calls; }); });
-  ASSERT_TRUE(waitUntil([&] { return delegate_->removed().size() == 1; }));
-  EXPECT_EQ(calls, 1);
+  roundTrip();
+  EXPECT_TRUE(waitUntil([&] { return delegate_->removed.size() == 1; }));
 }
 
 TEST_F(PushTest, PushesWithoutADelegateAreDropped) {
-  answerWith(answerAtOnce);
-  createService();
-  openAndWait();
+  connect();
   delegate_.reset();  // the service held it weakly
   server_.pushText(R"({"type":102,"data":{"clientId":"c1"}})");
-  ASSERT_TRUE(waitUntil([&] { return onLoop([&] { return service_->allMessagesCount(); }) == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return allMessages() == 1; }));
 }
 
-class MalformedFrameTest : public MessageServiceTest {};
+using MalformedFrameTest = MessageServiceTest;
 
 TEST_F(MalformedFrameTest, NothingTheServerSendsDisturbsTheNextGoodReply) {
   const std::vector<std::string> garbage = {
@@ -406,48 +288,40 @@ TEST_F(MalformedFrameTest, NothingTheServerSendsDisturbsTheNextGoodReply) {
       std::string(100000, '{'),
   };
   // Malformed replies to real requests: bad "data" of every kind.
-  std::atomic<int> nearbyReplies{0};
-  answerWith([&](const json& request) -> std::vector<WsReply> {
-    if (request["type"] == 2) {
-      static const std::vector<json> bad = {{{"data", 5}},
-                                            {{"data", {{"nearby", "not a list"}}}},
-                                            {{"data", {{"nearby", 3}}}},
-                                            {{"data", json::array()}},
-                                            json::object()};
-      return {replyTo(request, bad.at(nearbyReplies++ % bad.size()))};
-    }
+  const std::vector<json> badNearby = {{{"data", 5}},
+                                       {{"data", {{"nearby", "not a list"}}}},
+                                       {{"data", {{"nearby", 3}}}},
+                                       {{"data", json::array()}},
+                                       json::object()};
+  std::atomic<size_t> nearbyReplies{0};
+  connect([&](const json& request) -> Replies {
+    if (request["type"] == 2) return {replyTo(request, badNearby.at(nearbyReplies++ % 5))};
     if (request["type"] == 3) return {replyTo(request, {{"data", "1234"}})};
     return {replyTo(request)};
   });
-  createService();
-  openAndWait();
 
   for (const auto& frame : garbage)
     server_.pushText(frame);
-  ASSERT_TRUE(waitUntil(
-      [&] { return onLoop([&] { return service_->allMessagesCount(); }) == garbage.size(); }));
-  EXPECT_TRUE(delegate_->added().empty());
-  EXPECT_TRUE(delegate_->removed().empty());
+  ASSERT_TRUE(waitUntil([&] { return allMessages() == garbage.size(); }));
+  EXPECT_EQ(delegate_->added.size() + delegate_->removed.size(), 0u);
 
-  Collected<json> nearby;
-  Collected<double> times;
+  Recorded<json> nearby;
+  Recorded<double> times;
   onLoop([&] {
-    for (int i = 0; i < 5; ++i) {
+    for (size_t i = 0; i < badNearby.size(); ++i)
       service_->requestAllNearbyWithCallback([&](const json& list) { nearby.add(list); });
-    }
     service_->requestTime([&](double time) { times.add(time); });
   });
-  ASSERT_TRUE(waitUntil([&] { return nearby.size() == 5 && times.size() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return nearby.size() == badNearby.size() && times.size() == 1; }));
   for (const auto& list : nearby.values())
     EXPECT_TRUE(list.is_null()) << list;
   EXPECT_EQ(times.values()[0], 0.0);
 
   // Still in step: a good reply and a good push are handled as usual.
-  std::atomic<int> calls{0};
-  onLoop([&] { service_->establishClientMode(3, [&] { ++calls; }); });
+  roundTrip();
   server_.pushText(R"({"type":102,"data":{"clientId":"ok","payload":"p"}})");
-  ASSERT_TRUE(waitUntil([&] { return calls == 1 && delegate_->added().size() == 1; }));
-  EXPECT_EQ(delegate_->added()[0].first, "ok");
+  ASSERT_TRUE(waitUntil([&] { return delegate_->added.size() == 1; }));
+  EXPECT_EQ(delegate_->added.values()[0].first, "ok");
   EXPECT_TRUE(onLoop([&] { return service_->sendedMessages().empty(); }));
   EXPECT_TRUE(onLoop([&] { return service_->isConnectionOpened(); }));
 }
@@ -458,8 +332,8 @@ TEST_F(MalformedFrameTest, TextThatIsNotUtf8IsReadAsAnEmptyObject) {
     service_->didReceiveMessage(std::string("{\"type\":102,\"data\":{\"clientId\":\"\xff\"}}"));
     service_->didReceiveMessage(std::string("\xc3\x28\x00\xfe", 4));
   });
-  EXPECT_TRUE(delegate_->added().empty());
-  EXPECT_EQ(onLoop([&] { return service_->allMessagesCount(); }), 2u);
+  EXPECT_EQ(delegate_->added.size(), 0u);
+  EXPECT_EQ(allMessages(), 2u);
 }
 
 }  // namespace

@@ -4,11 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -19,35 +18,22 @@
 #include "messaging/message_service.h"
 #include "runtime/event_loop.h"
 #include "tellora/notifications.h"
+#include "tests/runtime/runtime_sandbox.h"
 #include "tests/support/ws_test_server.h"
 
 namespace tellora::testing {
 
 using namespace std::chrono_literals;
 
-// Receives the pushes; read from the test thread, written on the loop.
-class RecordingDelegate : public TLRMessageServiceDelegate {
- public:
-  void nearbyAddedWithClientID(const std::string& clientID, const nlohmann::json& payload) override;
-  void nearbyRemovedWithClientID(const std::string& clientID) override;
+// Receives the pushes on the loop, for the test thread to read.
+struct RecordingDelegate : TLRMessageServiceDelegate {
+  void nearbyAddedWithClientID(const std::string& id, const nlohmann::json& payload) override {
+    added.add({id, payload});
+  }
+  void nearbyRemovedWithClientID(const std::string& id) override { removed.add(id); }
 
-  std::vector<std::pair<std::string, nlohmann::json>> added() const;
-  std::vector<std::string> removed() const;
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::pair<std::string, nlohmann::json>> added_;
-  std::vector<std::string> removed_;
-};
-
-// Everything the service reported. Shared with the callbacks so that a late
-// callback never reaches a finished fixture.
-struct ServiceEvents {
-  std::mutex mutex;
-  int opened = 0;
-  std::vector<std::optional<TLRError>> closed;
-  std::vector<std::string> speedStatuses;
-  std::vector<std::string> logLines;
+  Recorded<std::pair<std::string, nlohmann::json>> added;
+  Recorded<std::string> removed;
 };
 
 // A reply to `request`: {"requestId": <its id>} merged with `extra`.
@@ -61,40 +47,39 @@ class MessageServiceTest : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
+  // Server side: answer every request with what `script` returns.
+  void answerWith(Script script);
   // The service for the server's URL. The delay check is effectively off
   // unless a test asks for an interval.
   void createService(Duration checkInterval = std::chrono::hours(1));
   // Opens with recording callbacks and waits for the first open.
   void openAndWait();
+  // All three; by default every request is answered at once.
+  void connect(Script script = {}, Duration checkInterval = std::chrono::hours(1));
+  // Sends set-mode and waits for its reply.
+  void roundTrip(int64_t mode = 3);
 
   template <class F>
   static auto onLoop(F&& f) {
     return EventLoop::main().call(std::forward<F>(f));
   }
-  // Polls until `condition` holds; false after the timeout.
-  static bool waitUntil(const std::function<bool()>& condition,
-                        std::chrono::milliseconds timeout = 5s);
-
-  // Server side: answer every request with what `script` returns.
-  void answerWith(Script script);
+  uint64_t allMessages() {
+    return onLoop([&] { return service_->allMessagesCount(); });
+  }
   // The requests the server received, parsed, in arrival order.
   std::vector<nlohmann::json> receivedRequests() const;
 
-  void setDebug(bool enabled);
-  int openedCount() const;
-  std::vector<std::optional<TLRError>> closedErrors() const;
-  std::vector<std::string> speedStatuses() const;
-  std::vector<std::string> logLines() const;
-  size_t countLogLines(const std::string& line) const;
-  size_t countLogLinesStartingWith(const std::string& prefix) const;
-
+  RuntimeSandbox sandbox_;
   WsTestServer server_;
   std::shared_ptr<TLRMessageService> service_;
-  std::shared_ptr<ServiceEvents> events_ = std::make_shared<ServiceEvents>();
+  // Shared with the service's callbacks, which may outlive the test.
+  std::shared_ptr<std::atomic<int>> opened_ = std::make_shared<std::atomic<int>>(0);
+  std::shared_ptr<Recorded<std::optional<TLRError>>> closed_ =
+      std::make_shared<Recorded<std::optional<TLRError>>>();
+  std::shared_ptr<Recorded<std::string>> speedStatuses_ = std::make_shared<Recorded<std::string>>();
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
 
  private:
-  std::filesystem::path folder_;
   TLRNotificationCenter::ObserverToken speedObserver_ = 0;
 };
 

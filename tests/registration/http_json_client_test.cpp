@@ -1,45 +1,15 @@
-// The HTTP client under the registration: URL handling, time limits, and the
-// odd answers a server can give, sent byte for byte.
+// The HTTP client under the registration: time limits, and the odd answers a
+// server can give, sent byte for byte.
+#include <gmock/gmock.h>
+
 #include <nlohmann/json.hpp>
 
 #include "registration/http_json_client.h"
-#include "registration/http_url.h"
 #include "runtime/event_loop.h"
 #include "tests/registration/registration_fixture.h"
 
 namespace tellora::registration_test {
 namespace {
-
-// --- URLs ------------------------------------------------------------------------
-
-HttpEndpoint endpointOf(const std::string& url) {
-  auto parsed = parseHttpUrl(url);
-  if (const auto* endpoint = std::get_if<HttpEndpoint>(&parsed)) return *endpoint;
-  ADD_FAILURE() << url << " was refused";
-  return {};
-}
-
-TEST(HttpUrlTest, DefaultPortsAndHostField) {
-  const auto plain = endpointOf("http://example.com/register");
-  EXPECT_FALSE(plain.secure);
-  EXPECT_EQ(plain.port, "80");
-  EXPECT_EQ(plain.hostHeader, "example.com");
-  const auto secure = endpointOf("https://example.com");
-  EXPECT_TRUE(secure.secure);
-  EXPECT_EQ(secure.port, "443");
-  EXPECT_EQ(secure.target, "/");
-}
-
-TEST(HttpUrlTest, ExplicitPortIpv6AndQuery) {
-  const auto endpoint = endpointOf("HTTP://user:pw@[::1]:10000/register?a=1&b=%20#top");
-  EXPECT_EQ(endpoint.host, "::1");
-  EXPECT_EQ(endpoint.port, "10000");
-  EXPECT_EQ(endpoint.hostHeader, "[::1]:10000");
-  EXPECT_EQ(endpoint.target, "/register?a=1&b=%20");
-  EXPECT_EQ(endpointOf("http://h?x=1").target, "/?x=1");
-}
-
-// --- Exchanges against the loopback server ---------------------------------------
 
 class HttpJsonClientTest : public RegistrationTest {
  protected:
@@ -47,18 +17,9 @@ class HttpJsonClientTest : public RegistrationTest {
     auto recorder = std::make_shared<CallRecorder<HttpJsonResult>>();
     postJson(
         EventLoop::main().context(), url, nlohmann::json{{"k", 1}},
-        [recorder](HttpJsonResult result) {
-          recorder->record(std::move(result), EventLoop::main().isCurrent());
-        },
-        timeouts);
-    if (!recorder->waitForCalls(1)) {
-      ADD_FAILURE() << "no completion";
-      return TLRError{};
-    }
-    settle();
-    EXPECT_EQ(recorder->calls().size(), 1u);
-    EXPECT_TRUE(recorder->allOnLoop());
-    return recorder->calls().front();
+        [recorder](HttpJsonResult result) { recorder->record(std::move(result)); }, timeouts);
+    const auto calls = recorder->expectCalls(1);
+    return calls.empty() ? HttpJsonResult(TLRError{}) : calls.front();
   }
 
   HttpJsonResult postAnswering(HttpReply reply, HttpTimeouts timeouts = {}) {
@@ -95,14 +56,13 @@ TEST_F(HttpJsonClientTest, CompletionNeverRunsInsideTheCall) {
   for (const std::string& url : {std::string("::"), server_->url("/r")}) {
     SCOPED_TRACE(url);
     auto recorder = std::make_shared<CallRecorder<bool>>();
-    EventLoop::main().call([&] {
+    onLoop([&] {
       auto returned = std::make_shared<bool>(false);
       postJson(EventLoop::main().context(), url, nullptr,
-               [recorder, returned](HttpJsonResult) { recorder->record(*returned, true); });
+               [recorder, returned](HttpJsonResult) { recorder->record(*returned); });
       *returned = true;
     });
-    ASSERT_TRUE(recorder->waitForCalls(1));
-    EXPECT_TRUE(recorder->calls().front());
+    EXPECT_THAT(recorder->expectCalls(1), ::testing::ElementsAre(true));
   }
 }
 

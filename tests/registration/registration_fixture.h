@@ -1,16 +1,12 @@
-// Shared set-up for the registration tests: a real loopback HTTP server, a
-// recorder for completions (with the thread they ran on), and the SDK's log
-// lines with the debug switch on.
+// Shared set-up for the registration tests: a real loopback HTTP server and a
+// recorder for completions that checks each ran once and on the SDK's loop.
 #pragma once
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -19,6 +15,7 @@
 #include "registration/registration_service.h"
 #include "tellora/error.h"
 #include "tests/support/http_test_server.h"
+#include "tests/support/sdk_test.h"
 
 namespace tellora::registration_test {
 
@@ -27,39 +24,35 @@ using testing::HttpReply;
 using testing::HttpRequestRecord;
 using testing::HttpTestServer;
 
-constexpr auto kWait = 10s;
-
-// Collects the values a completion is called with, and whether each call ran
-// on the SDK's loop.
 template <class T>
-class CallRecorder {
- public:
-  void record(T value, bool onLoop) {
-    {
-      std::lock_guard lock(mutex_);
-      calls_.push_back(std::move(value));
-      allOnLoop_ = allOnLoop_ && onLoop;
-    }
-    changed_.notify_all();
-  }
-  bool waitForCalls(std::size_t count, std::chrono::milliseconds timeout = kWait) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return calls_.size() >= count; });
-  }
-  std::vector<T> calls() const {
-    std::lock_guard lock(mutex_);
-    return calls_;
-  }
-  bool allOnLoop() const {
-    std::lock_guard lock(mutex_);
-    return allOnLoop_;
-  }
+struct Calls {
+  std::vector<T> values;
+  bool allOnLoop = true;
+};
 
- private:
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  std::vector<T> calls_;
-  bool allOnLoop_ = true;
+// Collects the values a completion is called with.
+template <class T>
+class CallRecorder : public testing::Watched<Calls<T>> {
+ public:
+  void record(T value) {
+    const bool onLoop = EventLoop::main().isCurrent();
+    this->update([&](Calls<T>& calls) {
+      calls.values.push_back(std::move(value));
+      calls.allOnLoop = calls.allOnLoop && onLoop;
+    });
+  }
+  // Waits for `count` calls and a little longer for a stray extra one, and
+  // expects exactly `count`, all on the loop.
+  std::vector<T> expectCalls(std::size_t count) const {
+    const bool arrived = this->waitUntil(
+        [count](const Calls<T>& calls) { return calls.values.size() >= count; }, 10s);
+    EXPECT_TRUE(arrived) << "too few completions";
+    std::this_thread::sleep_for(50ms);
+    const Calls<T> calls = this->get();
+    EXPECT_EQ(calls.values.size(), count) << "completion called more than once";
+    EXPECT_TRUE(calls.allOnLoop) << "completion ran off the SDK's loop";
+    return calls.values;
+  }
 };
 
 struct RegistrationOutcome {
@@ -68,27 +61,36 @@ struct RegistrationOutcome {
   std::optional<TLRError> error;
 };
 
-class RegistrationTest : public ::testing::Test {
+class RegistrationTest : public testing::SdkTest {
  protected:
-  static void SetUpTestSuite();
-  static void TearDownTestSuite();
-  void TearDown() override;
+  void TearDown() override {
+    server_.reset();
+    SdkTest::TearDown();
+  }
 
   // A device description with a distinct value in every field.
-  static TLRDeviceInfo sampleDevice();
+  static TLRDeviceInfo sampleDevice() {
+    return TLRDeviceInfo("Debian GNU/Linux", "12", "ThinkPad X1", "de-DE", "com.example.host",
+                         "2.7.1");
+  }
 
-  // Registers against `url` and waits for the one completion, checking that it
-  // ran on the loop and came once only.
-  RegistrationOutcome registerAt(const std::string& url, int32_t appID = 7,
-                                 const std::string& appSecret = "x",
-                                 const TLRDeviceInfo& device = sampleDevice());
+  // Registers against `url` and returns the one completion's outcome.
+  static RegistrationOutcome registerAt(const std::string& url, int32_t appID = 7,
+                                        const std::string& appSecret = "x",
+                                        const TLRDeviceInfo& device = sampleDevice()) {
+    auto recorder = std::make_shared<CallRecorder<RegistrationOutcome>>();
+    TLRRegistrationService::registerClientOnServer(
+        url, appID, appSecret, device, [recorder](auto id, auto secret, auto error) {
+          recorder->record({std::move(id), std::move(secret), std::move(error)});
+        });
+    const auto calls = recorder->expectCalls(1);
+    return calls.empty() ? RegistrationOutcome{} : calls.front();
+  }
   // Registers against the server, answering with `reply`.
-  RegistrationOutcome registerAnswering(HttpReply reply);
-
-  // Long enough for a stray second completion to show up.
-  static void settle() { std::this_thread::sleep_for(50ms); }
-
-  static std::size_t logCount(const std::string& prefix);
+  RegistrationOutcome registerAnswering(HttpReply reply) {
+    server_->setReply(std::move(reply));
+    return registerAt(server_->url("/register"));
+  }
 
   std::unique_ptr<HttpTestServer> server_ = std::make_unique<HttpTestServer>();
 };

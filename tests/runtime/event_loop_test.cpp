@@ -5,38 +5,27 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
+
+#include "tests/runtime/runtime_sandbox.h"
 
 namespace tellora {
 namespace {
 
 using namespace std::chrono_literals;
-
-constexpr auto kPatience = 5s;  // only reached when something is broken
-
-// Waits on the test thread until `done` holds, checking on the loop.
-template <class Predicate>
-bool eventually(EventLoop& loop, Predicate done) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (loop.call(done)) return true;
-    std::this_thread::sleep_for(1ms);
-  }
-  return false;
-}
+using testing::waitUntil;
 
 class EventLoopTest : public ::testing::Test {
  protected:
   EventLoop loop_{"test-loop"};
 };
 
-TEST_F(EventLoopTest, KeepsEachPostersOrderUnderConcurrentPosts) {
+TEST_F(EventLoopTest, KeepsEachPostersOrderUnderConcurrentPostsAndDrainWaitsForThem) {
   constexpr int kThreads = 4;
   constexpr int kPerThread = 2000;
-  std::vector<std::pair<int, int>> seen;  // touched on the loop only
+  std::vector<std::pair<int, int>> seen;  // touched on the loop only, read after drain()
   std::vector<std::thread> posters;
   for (int t = 0; t < kThreads; ++t) {
     posters.emplace_back([&, t] {
@@ -50,45 +39,26 @@ TEST_F(EventLoopTest, KeepsEachPostersOrderUnderConcurrentPosts) {
 
   ASSERT_EQ(seen.size(), size_t{kThreads * kPerThread});
   std::vector<int> next(kThreads, 0);
-  for (const auto& [thread, index] : seen) {
-    ASSERT_EQ(index, next[thread]) << "poster " << thread;
-    ++next[thread];
-  }
+  for (const auto& [thread, index] : seen)
+    ASSERT_EQ(index, next[thread]++) << "poster " << thread;
 }
 
-TEST_F(EventLoopTest, DrainWaitsForEarlierTasks) {
-  bool ran = false;
-  loop_.post([&] {
-    std::this_thread::sleep_for(20ms);
-    ran = true;
-  });
-  loop_.drain();
-  EXPECT_TRUE(ran);
-}
-
-TEST_F(EventLoopTest, CallFromOutsideReturnsTheResultFromTheLoop) {
-  const auto result = loop_.call([&] { return loop_.isCurrent() ? 42 : -1; });
-  EXPECT_EQ(result, 42);
-}
-
-TEST_F(EventLoopTest, CallOnTheLoopRunsInlineInsteadOfDeadlocking) {
+TEST_F(EventLoopTest, CallRunsOnTheLoopAndInlineWhenAlreadyThere) {
   std::vector<int> order;
-  loop_.call([&] {
+  const bool onLoop = loop_.call([&] {
     order.push_back(1);
-    loop_.call([&] { order.push_back(2); });
+    loop_.call([&] { order.push_back(2); });  // would deadlock if queued
     order.push_back(3);
+    return loop_.isCurrent();
   });
+  EXPECT_TRUE(onLoop);
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }
 
-TEST_F(EventLoopTest, CallPropagatesExceptionsAndTheLoopKeepsRunning) {
+TEST_F(EventLoopTest, ExceptionsReachTheCallerOrAreSwallowedAndTheLoopKeepsRunning) {
   EXPECT_THROW(loop_.call([]() -> int { throw std::runtime_error("boom"); }), std::runtime_error);
-  EXPECT_EQ(loop_.call([] { return 7; }), 7);
-}
-
-TEST_F(EventLoopTest, SurvivesAPostedTaskThatThrows) {
   loop_.post([] { throw std::runtime_error("stray"); });
-  EXPECT_EQ(loop_.call([] { return 1; }), 1);
+  EXPECT_EQ(loop_.call([] { return 7; }), 7);
 }
 
 TEST_F(EventLoopTest, DelayedTasksRunInDeadlineOrderAfterPlainPosts) {
@@ -101,20 +71,13 @@ TEST_F(EventLoopTest, DelayedTasksRunInDeadlineOrderAfterPlainPosts) {
     slowRanAt = std::chrono::steady_clock::now();
     last.set_value();
   });
-  loop_.postAfter(30ms, [&] { order.push_back('B'); });
+  // Armed from the loop itself.
+  loop_.post([&] { loop_.postAfter(30ms, [&] { order.push_back('B'); }); });
   loop_.post([&] { order.push_back('A'); });
-  ASSERT_EQ(last.get_future().wait_for(kPatience), std::future_status::ready);
+  ASSERT_EQ(last.get_future().wait_for(5s), std::future_status::ready);
   loop_.drain();
   EXPECT_EQ(order, (std::vector<char>{'A', 'B', 'C'}));
   EXPECT_GE(slowRanAt - posted, 80ms);
-}
-
-TEST_F(EventLoopTest, PostAfterFromTheLoopItself) {
-  std::promise<bool> fired;
-  loop_.post([&] { loop_.postAfter(1ms, [&] { fired.set_value(loop_.isCurrent()); }); });
-  auto result = fired.get_future();
-  ASSERT_EQ(result.wait_for(kPatience), std::future_status::ready);
-  EXPECT_TRUE(result.get());
 }
 
 TEST(EventLoopLifetime, DestructionDropsTasksStillWaiting) {
@@ -142,8 +105,15 @@ class RepeatingTimerTest : public ::testing::Test {
     loop_.call(
         [&] { timer_ = std::make_unique<RepeatingTimer>(loop_, interval, std::move(tick)); });
   }
+  template <class F>
+  auto onLoop(F&& f) {
+    return loop_.call(std::forward<F>(f));
+  }
   int ticks() {
-    return loop_.call([&] { return ticks_; });
+    return onLoop([&] { return ticks_; });
+  }
+  bool ticksReach(int count) {
+    return waitUntil([&] { return ticks() >= count; });
   }
 
   EventLoop loop_{"timer-loop"};
@@ -151,33 +121,31 @@ class RepeatingTimerTest : public ::testing::Test {
   int ticks_ = 0;                          // touched on the loop only
 };
 
-TEST_F(RepeatingTimerTest, DoesNotTickBeforeStart) {
-  makeTimer(1ms, [&] { ++ticks_; });
-  std::this_thread::sleep_for(20ms);
-  EXPECT_EQ(ticks(), 0);
-  EXPECT_FALSE(loop_.call([&] { return timer_->isValid(); }));
-}
-
-TEST_F(RepeatingTimerTest, TicksRepeatedlyUntilInvalidated) {
+TEST_F(RepeatingTimerTest, TicksFromStartUntilInvalidatedAndStartsAgain) {
   makeTimer(2ms, [&] { ++ticks_; });
-  loop_.call([&] { timer_->start(); });
-  ASSERT_TRUE(eventually(loop_, [&] { return ticks_ >= 3; }));
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(ticks(), 0) << "ticked before start";
 
-  const int atInvalidate = loop_.call([&] {
+  onLoop([&] { timer_->start(); });
+  ASSERT_TRUE(ticksReach(3));
+  const int atInvalidate = onLoop([&] {
     timer_->invalidate();
     return ticks_;
   });
   std::this_thread::sleep_for(20ms);
   EXPECT_EQ(ticks(), atInvalidate);
-  EXPECT_FALSE(loop_.call([&] { return timer_->isValid(); }));
+  EXPECT_FALSE(onLoop([&] { return timer_->isValid(); }));
+
+  onLoop([&] { timer_->start(); });
+  EXPECT_TRUE(ticksReach(atInvalidate + 3));
 }
 
 TEST_F(RepeatingTimerTest, CanInvalidateItselfFromItsTick) {
   makeTimer(1ms, [&] {
     if (++ticks_ == 2) timer_->invalidate();
   });
-  loop_.call([&] { timer_->start(); });
-  ASSERT_TRUE(eventually(loop_, [&] { return ticks_ >= 2; }));
+  onLoop([&] { timer_->start(); });
+  ASSERT_TRUE(ticksReach(2));
   std::this_thread::sleep_for(20ms);
   EXPECT_EQ(ticks(), 2);
 }
@@ -190,15 +158,15 @@ TEST_F(RepeatingTimerTest, CanBeDestroyedFromItsTick) {
     timer_.reset();
     ++afterwards;
   });
-  loop_.call([&] { timer_->start(); });
-  ASSERT_TRUE(eventually(loop_, [&] { return ticks_ >= 1; }));
+  onLoop([&] { timer_->start(); });
+  ASSERT_TRUE(ticksReach(1));
   std::this_thread::sleep_for(10ms);
   EXPECT_EQ(ticks(), 1);
 }
 
 TEST_F(RepeatingTimerTest, InvalidateDropsAWaitThatHasAlreadyExpired) {
   makeTimer(1ms, [&] { ++ticks_; });
-  loop_.call([&] {
+  onLoop([&] {
     timer_->start();
     // The deadline passes while the loop is busy; the completion may already
     // be queued when invalidate() runs.
@@ -209,17 +177,6 @@ TEST_F(RepeatingTimerTest, InvalidateDropsAWaitThatHasAlreadyExpired) {
   EXPECT_EQ(ticks(), 0);
 }
 
-TEST_F(RepeatingTimerTest, StartsAgainAfterInvalidate) {
-  makeTimer(1ms, [&] { ++ticks_; });
-  loop_.call([&] {
-    timer_->start();
-    timer_->invalidate();
-    timer_->start();
-  });
-  EXPECT_TRUE(loop_.call([&] { return timer_->isValid(); }));
-  ASSERT_TRUE(eventually(loop_, [&] { return ticks_ >= 3; }));
-}
-
 TEST_F(RepeatingTimerTest, StartWhileRunningKeepsOneSchedule) {
   constexpr auto kInterval = 5ms;
   std::chrono::steady_clock::time_point startedAt;
@@ -227,22 +184,20 @@ TEST_F(RepeatingTimerTest, StartWhileRunningKeepsOneSchedule) {
     ++ticks_;
     timer_->start();  // a no-op while valid: must not add a second chain of ticks
   });
-  loop_.call([&] {
+  onLoop([&] {
     startedAt = std::chrono::steady_clock::now();
     timer_->start();
   });
-  ASSERT_TRUE(eventually(loop_, [&] { return ticks_ >= 6; }));
+  ASSERT_TRUE(ticksReach(6));
   // Ticks never come early, so one schedule allows at most one per interval.
-  loop_.call([&] {
+  onLoop([&] {
     timer_->invalidate();
-    const auto elapsed = std::chrono::steady_clock::now() - startedAt;
-    EXPECT_LE(ticks_, elapsed / kInterval + 1);
+    EXPECT_LE(ticks_, (std::chrono::steady_clock::now() - startedAt) / kInterval + 1);
   });
 }
 
-TEST(SerialQueueTest, RunsJobsInOrderOffTheCallersThread) {
+TEST(SerialQueueTest, RunsJobsInOrderOnOneThreadOfItsOwn) {
   SerialQueue queue("hashQueue");
-  EXPECT_EQ(queue.label(), "hashQueue");
   std::vector<int> order;
   std::vector<std::thread::id> threads;
   for (int i = 0; i < 500; ++i) {
@@ -253,12 +208,11 @@ TEST(SerialQueueTest, RunsJobsInOrderOffTheCallersThread) {
   }
   queue.drain();
   ASSERT_EQ(order.size(), 500u);
-  for (int i = 0; i < 500; ++i)
+  for (int i = 0; i < 500; ++i) {
     EXPECT_EQ(order[i], i);
-  for (const auto& id : threads) {
-    EXPECT_EQ(id, threads.front());
-    EXPECT_NE(id, std::this_thread::get_id());
+    EXPECT_EQ(threads[i], threads.front());
   }
+  EXPECT_NE(threads.front(), std::this_thread::get_id());
 }
 
 TEST(SerialQueueTest, DestructorRunsJobsAlreadyPostedAndTheirFollowUps) {
@@ -284,7 +238,7 @@ TEST(SerialQueueTest, AJobMayDropTheLastOwnerOfItsQueue) {
   queue->post([&] { laterJobRan.set_value(); });
   queue.reset();
   released.set_value();
-  EXPECT_EQ(laterJobRan.get_future().wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(laterJobRan.get_future().wait_for(5s), std::future_status::ready);
 }
 
 }  // namespace

@@ -3,70 +3,42 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <filesystem>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "runtime/user_defaults.h"
 #include "tellora/logging.h"
+#include "tests/runtime/runtime_sandbox.h"
 
 namespace tellora {
 namespace {
 
-namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
 
 class LogTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "tellora-log-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    folder_ = pattern;
-    // The debug switch lives in the standard store; keep it away from the
-    // real configuration.
-    UserDefaults::setStandardPath(folder_ / "defaults.json");
-    TLRSetLogSink([this](std::string_view line) {
-      std::lock_guard lock(mutex_);
-      lines_.emplace_back(line);
-    });
-  }
-  void TearDown() override {
-    TLRSetLogSink({});
-    fs::remove_all(folder_);
-  }
-  std::vector<std::string> lines() {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
-  fs::path folder_;
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
+  testing::RuntimeSandbox sandbox_;
 };
 
 TEST_F(LogTest, LogfFormatsOneLineIntoTheSink) {
   logf("Tellora: %s %d", "reconnect", 3);
   logLine("plain");
-  EXPECT_EQ(lines(), (std::vector<std::string>{"Tellora: reconnect 3", "plain"}));
+  EXPECT_EQ(sandbox_.logLines(), (Lines{"Tellora: reconnect 3", "plain"}));
 }
 
-TEST_F(LogTest, DebugfFollowsTheDebugSwitchAtEveryCall) {
+TEST_F(LogTest, DebugfFollowsTheDebugSwitchAtEveryCallAndReadsItFromTheFile) {
   debugf("hidden %d", 1);
-  UserDefaults::standard().setBool("debug", true);
-  EXPECT_TRUE(debugEnabled());
+  sandbox_.setDebug(true);
   debugf("shown %d", 2);
-  UserDefaults::standard().setBool("debug", false);
+  sandbox_.setDebug(false);
   debugf("hidden %d", 3);
-  EXPECT_EQ(lines(), (std::vector<std::string>{"shown 2"}));
-}
-
-TEST_F(LogTest, DebugSwitchIsReadFromTheStoredFile) {
-  UserDefaults(folder_ / "on.json").setBool("debug", true);
-  UserDefaults::setStandardPath(folder_ / "on.json");
-  debugf("from a previous launch");
-  EXPECT_EQ(lines().size(), 1u);
+  // Switched on by a previous launch.
+  const auto stored = sandbox_.folder.file("on.json");
+  UserDefaults(stored).setBool("debug", true);
+  UserDefaults::setStandardPath(stored);
+  debugf("from the file");
+  EXPECT_EQ(sandbox_.logLines(), (Lines{"shown 2", "from the file"}));
 }
 
 TEST_F(LogTest, SinkCallsNeverOverlap) {
@@ -93,7 +65,7 @@ TEST_F(LogTest, SinkCallsNeverOverlap) {
 }
 
 TEST_F(LogTest, SinkMayLogAndReplaceItself) {
-  std::vector<std::string> seen;
+  Lines seen;
   TLRSetLogSink([&](std::string_view line) {
     seen.emplace_back(line);
     if (line == "outer") logf("nested");
@@ -102,18 +74,18 @@ TEST_F(LogTest, SinkMayLogAndReplaceItself) {
   logf("outer");
   logf("swap");
   logf("after");
-  EXPECT_EQ(seen, (std::vector<std::string>{"outer", "nested", "swap", "replaced"}));
+  EXPECT_EQ(seen, (Lines{"outer", "nested", "swap", "replaced"}));
 }
 
 TEST_F(LogTest, EmptySinkRestoresStderr) {
   TLRSetLogSink({});
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStderr();
   logf("to stderr %d", 5);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "to stderr 5\n");
-  EXPECT_TRUE(lines().empty());
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "to stderr 5\n");
+  EXPECT_TRUE(sandbox_.logLines().empty());
 }
 
-TEST(Strprintf, FormatsLongAndEmptyTexts) {
+TEST(Strprintf, FormatsTextsLongerThanAnyFixedBuffer) {
   EXPECT_EQ(strprintf("%s=%.1f", "delay", 12.25), "delay=12.2");
   EXPECT_EQ(strprintf("%s", ""), "");
   const std::string longText(5000, 'x');

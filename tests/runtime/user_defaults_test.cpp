@@ -5,191 +5,122 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "tellora/logging.h"
+#include "tests/runtime/runtime_sandbox.h"
 
 namespace tellora {
 namespace {
 
 namespace fs = std::filesystem;
 
-fs::path makeTempFolder() {
-  std::string pattern = (fs::temp_directory_path() / "tellora-defaults-XXXXXX").string();
-  if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-  return pattern;
-}
-
 unsigned permissionsOf(const fs::path& path) {
   struct stat info {};
-  if (stat(path.c_str(), &info) != 0) return 0;
-  return info.st_mode & 0777;
+  return stat(path.c_str(), &info) == 0 ? info.st_mode & 0777 : 0;
 }
 
-void writeText(const fs::path& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
+long entriesIn(const fs::path& folder) {
+  return std::distance(fs::directory_iterator(folder), fs::directory_iterator());
 }
-
-// Sets or clears an environment variable for one test and restores it after.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    if (value) {
-      setenv(name, value, 1);
-    } else {
-      unsetenv(name);
-    }
-  }
-  ~ScopedEnv() {
-    if (old_) {
-      setenv(name_, old_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
 
 class UserDefaultsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    folder_ = makeTempFolder();
-    TLRSetLogSink([this](std::string_view line) {
-      std::lock_guard lock(logMutex_);
-      logLines_.emplace_back(line);
-    });
+  fs::path file(const std::string& name) const { return sandbox_.folder.file(name); }
+  fs::path write(const std::string& text) const {
+    std::ofstream(file("defaults.json"), std::ios::binary) << text;
+    return file("defaults.json");
   }
-  void TearDown() override {
-    TLRSetLogSink({});
-    fs::remove_all(folder_);
-  }
-  size_t loggedLines() {
-    std::lock_guard lock(logMutex_);
-    return logLines_.size();
-  }
+  size_t loggedLines() const { return sandbox_.logLines().size(); }
 
-  fs::path folder_;
-  std::mutex logMutex_;
-  std::vector<std::string> logLines_;
+  testing::RuntimeSandbox sandbox_;
 };
 
-TEST_F(UserDefaultsTest, MissingFileIsAnEmptyStoreWithoutComplaint) {
-  UserDefaults store(folder_ / "absent.json");
+TEST_F(UserDefaultsTest, MissingFileIsAnEmptyStoreWithoutComplaintOrFile) {
+  UserDefaults store(file("absent.json"));
   EXPECT_EQ(store.stringForKey("TLRUserDefaultsClientID"), std::nullopt);
   EXPECT_FALSE(store.boolForKey("debug"));
   EXPECT_EQ(loggedLines(), 0u);
-  EXPECT_FALSE(fs::exists(folder_ / "absent.json"));  // reading creates nothing
+  EXPECT_FALSE(fs::exists(file("absent.json")));
 }
 
-TEST_F(UserDefaultsTest, ValuesSurviveReopeningTheFile) {
-  const auto path = folder_ / "defaults.json";
+TEST_F(UserDefaultsTest, ValuesAndRemovalsSurviveReopeningTheFile) {
+  const auto path = file("defaults.json");
   {
     UserDefaults store(path);
     store.setString("TLRUserDefaultsClientID", "id-1");
     store.setString("TLRUserDefaultsClientSecret", "s\"e\\cret\n");
     store.setBool("debug", true);
+    store.setString("gone", "g");
+    store.setString("gone", std::nullopt);
+    store.setString("removed", "r");
+    store.removeObject("removed");
+    store.removeObject("never there");
   }
   UserDefaults reopened(path);
   EXPECT_EQ(reopened.stringForKey("TLRUserDefaultsClientID"), "id-1");
   EXPECT_EQ(reopened.stringForKey("TLRUserDefaultsClientSecret"), "s\"e\\cret\n");
   EXPECT_TRUE(reopened.boolForKey("debug"));
+  EXPECT_EQ(reopened.stringForKey("gone"), std::nullopt);
+  EXPECT_EQ(reopened.stringForKey("removed"), std::nullopt);
 }
 
-TEST_F(UserDefaultsTest, KindsDoNotMix) {
-  UserDefaults store(folder_ / "defaults.json");
-  store.setString("name", "true");
-  store.setBool("flag", true);
+TEST_F(UserDefaultsTest, AKeyHoldsOneKindAndForeignKindsReadAsAbsent) {
+  UserDefaults store(write(R"({"n": 5, "list": [1], "nothing": null, "obj": {"a": "b"},
+                               "debug": true, "name": "true"})"));
+  EXPECT_TRUE(store.boolForKey("debug"));
   EXPECT_FALSE(store.boolForKey("name"));
-  EXPECT_EQ(store.stringForKey("flag"), std::nullopt);
-  store.setBool("name", false);  // a key holds one value of either kind
+  EXPECT_EQ(store.stringForKey("debug"), std::nullopt);
+  EXPECT_FALSE(store.boolForKey("n"));
+  EXPECT_EQ(store.stringForKey("obj"), std::nullopt);
+  store.setBool("name", false);
   EXPECT_EQ(store.stringForKey("name"), std::nullopt);
+  EXPECT_EQ(loggedLines(), 0u);
 }
 
-TEST_F(UserDefaultsTest, RemovalIsPersisted) {
-  const auto path = folder_ / "defaults.json";
-  UserDefaults store(path);
-  store.setString("TLRUserDefaultsClientID", "id-1");
-  store.setString("keep", "k");
-  store.setString("TLRUserDefaultsClientID", std::nullopt);
-  store.removeObject("keep");
-  store.removeObject("never there");
-  EXPECT_EQ(store.stringForKey("TLRUserDefaultsClientID"), std::nullopt);
-
-  UserDefaults reopened(path);
-  EXPECT_EQ(reopened.stringForKey("TLRUserDefaultsClientID"), std::nullopt);
-  EXPECT_EQ(reopened.stringForKey("keep"), std::nullopt);
-}
-
-TEST_F(UserDefaultsTest, FileIsPrivateAndMissingFoldersAreCreatedPrivate) {
-  const auto path = folder_ / "config" / "tellora" / "defaults.json";
-  UserDefaults store(path);
-  store.setString("TLRUserDefaultsClientSecret", "secret");
+TEST_F(UserDefaultsTest, FileIsPrivateInPrivateFoldersWithNoTemporaryLeft) {
+  const auto path = sandbox_.folder.file("config") + "/tellora/defaults.json";
+  UserDefaults(path).setString("TLRUserDefaultsClientSecret", "secret");
   EXPECT_EQ(permissionsOf(path), 0600u);
-  EXPECT_EQ(permissionsOf(folder_ / "config"), 0700u);
-  EXPECT_EQ(permissionsOf(folder_ / "config" / "tellora"), 0700u);
-  // Only the store itself is left behind: no temporary files.
-  EXPECT_EQ(std::distance(fs::directory_iterator(path.parent_path()), fs::directory_iterator()), 1);
-}
+  EXPECT_EQ(permissionsOf(file("config")), 0700u);
+  EXPECT_EQ(permissionsOf(file("config/tellora")), 0700u);
+  EXPECT_EQ(entriesIn(file("config/tellora")), 1);
 
-TEST_F(UserDefaultsTest, ReplacingAWorldReadableFileMakesItPrivate) {
-  const auto path = folder_ / "defaults.json";
-  writeText(path, R"({"a": "b"})");
-  chmod(path.c_str(), 0644);
-  UserDefaults store(path);
-  store.setString("a", "c");
-  EXPECT_EQ(permissionsOf(path), 0600u);
+  // A world-readable file from elsewhere becomes private on the next write.
+  chmod(write(R"({"a": "b"})").c_str(), 0644);
+  UserDefaults(file("defaults.json")).setString("a", "c");
+  EXPECT_EQ(permissionsOf(file("defaults.json")), 0600u);
 }
 
 TEST_F(UserDefaultsTest, CorruptFileIsLoggedReadAsEmptyAndStillWritable) {
-  const auto path = folder_ / "defaults.json";
   for (const std::string garbage : {"{\"debug\": tru", "[1, 2]", "", "\xff\xfe"}) {
-    writeText(path, garbage);
     const size_t before = loggedLines();
-    UserDefaults store(path);
+    UserDefaults store(write(garbage));
     EXPECT_EQ(loggedLines(), before + 1) << garbage;
     EXPECT_FALSE(store.boolForKey("debug"));
     store.setBool("debug", true);
-    EXPECT_TRUE(UserDefaults(path).boolForKey("debug")) << garbage;
+    EXPECT_TRUE(UserDefaults(file("defaults.json")).boolForKey("debug")) << garbage;
   }
-}
-
-TEST_F(UserDefaultsTest, ForeignValueKindsAreIgnored) {
-  const auto path = folder_ / "defaults.json";
-  writeText(path, R"({"n": 5, "list": [1], "nothing": null, "obj": {"a": "b"},
-                      "debug": true, "TLRUserDefaultsClientID": "abc"})");
-  UserDefaults store(path);
-  EXPECT_TRUE(store.boolForKey("debug"));
-  EXPECT_EQ(store.stringForKey("TLRUserDefaultsClientID"), "abc");
-  EXPECT_FALSE(store.boolForKey("n"));
-  EXPECT_EQ(store.stringForKey("obj"), std::nullopt);
-  EXPECT_EQ(loggedLines(), 0u);
 }
 
 TEST_F(UserDefaultsTest, UnreadablePathIsLoggedAndWritesStayInMemory) {
   // A folder where the file should be: unreadable and unreplaceable for any
   // user, root included.
-  const auto path = folder_ / "defaults.json";
+  const auto path = file("blocked.json");
   fs::create_directory(path);
+  const long entries = entriesIn(sandbox_.folder.path());
   UserDefaults store(path);
   EXPECT_EQ(loggedLines(), 1u);
   store.setString("TLRUserDefaultsClientID", "id-1");
   EXPECT_EQ(loggedLines(), 2u);
   EXPECT_EQ(store.stringForKey("TLRUserDefaultsClientID"), "id-1");
-  // The failed write left no temporary file behind.
-  EXPECT_EQ(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()), 1);
+  EXPECT_EQ(entriesIn(sandbox_.folder.path()), entries) << "a temporary file was left";
 }
 
 TEST_F(UserDefaultsTest, ConcurrentWritersLeaveAConsistentFile) {
-  const auto path = folder_ / "defaults.json";
-  UserDefaults store(path);
+  UserDefaults store(file("defaults.json"));
   std::vector<std::thread> writers;
   for (int t = 0; t < 4; ++t) {
     writers.emplace_back([&store, t] {
@@ -201,49 +132,58 @@ TEST_F(UserDefaultsTest, ConcurrentWritersLeaveAConsistentFile) {
   }
   for (auto& writer : writers)
     writer.join();
-  UserDefaults reopened(path);
+  UserDefaults reopened(file("defaults.json"));
   for (int t = 0; t < 4; ++t)
     EXPECT_EQ(reopened.stringForKey("key" + std::to_string(t)), "4");
   EXPECT_EQ(loggedLines(), 0u);
 }
 
-TEST(UserDefaultsPath, EnvironmentOverrideWins) {
-  ScopedEnv override("TELLORA_DEFAULTS_PATH", "/somewhere/else.json");
-  ScopedEnv xdg("XDG_CONFIG_HOME", "/xdg");
-  EXPECT_EQ(UserDefaults::defaultPath(), fs::path("/somewhere/else.json"));
-}
-
-TEST(UserDefaultsPath, XdgConfigHomeBeforeHome) {
-  ScopedEnv override("TELLORA_DEFAULTS_PATH", nullptr);
-  ScopedEnv xdg("XDG_CONFIG_HOME", "/xdg");
-  ScopedEnv home("HOME", "/home/someone");
-  EXPECT_EQ(UserDefaults::defaultPath(), fs::path("/xdg/tellora/defaults.json"));
-}
-
-TEST(UserDefaultsPath, HomeWhenXdgIsUnsetEmptyOrRelative) {
-  ScopedEnv override("TELLORA_DEFAULTS_PATH", "");
-  ScopedEnv home("HOME", "/home/someone");
-  for (const char* xdg : {static_cast<const char*>(nullptr), "", "relative/dir"}) {
-    ScopedEnv unusable("XDG_CONFIG_HOME", xdg);
-    EXPECT_EQ(UserDefaults::defaultPath(), fs::path("/home/someone/.config/tellora/defaults.json"));
-  }
-}
-
-TEST_F(UserDefaultsTest, StandardStoreCanBeRepointed) {
-  const auto first = folder_ / "first.json";
-  const auto second = folder_ / "second.json";
-  UserDefaults(second).setString("where", "second");
-
-  UserDefaults::setStandardPath(first);
+TEST_F(UserDefaultsTest, StandardStoreIsOneObjectThatCanBeRepointed) {
+  UserDefaults(file("second.json")).setString("where", "second");
   auto& standard = UserDefaults::standard();
-  EXPECT_EQ(&standard, &UserDefaults::standard());
-  EXPECT_EQ(standard.path(), first);
   standard.setString("where", "first");
 
-  UserDefaults::setStandardPath(second);
+  UserDefaults::setStandardPath(file("second.json"));
   EXPECT_EQ(&standard, &UserDefaults::standard());
   EXPECT_EQ(standard.stringForKey("where"), "second");
-  EXPECT_EQ(UserDefaults(first).stringForKey("where"), "first");
+  EXPECT_EQ(UserDefaults(file("defaults.json")).stringForKey("where"), "first");
+}
+
+// Sets (or, for nullptr, clears) environment variables and restores them after.
+class ScopedEnv {
+ public:
+  void set(const char* name, const char* value) {
+    const char* old = std::getenv(name);
+    saved_.push_back({name, old ? std::optional<std::string>(old) : std::nullopt});
+    value ? setenv(name, value, 1) : unsetenv(name);
+  }
+  ~ScopedEnv() {
+    for (auto it = saved_.rbegin(); it != saved_.rend(); ++it)
+      it->second ? setenv(it->first, it->second->c_str(), 1) : unsetenv(it->first);
+  }
+
+ private:
+  std::vector<std::pair<const char*, std::optional<std::string>>> saved_;
+};
+
+TEST(UserDefaultsPath, OverrideThenAbsoluteXdgConfigHomeThenHome) {
+  struct Case {
+    const char* explicitPath;
+    const char* xdg;
+    const char* expected;
+  };
+  for (const Case& c : {Case{"/somewhere/else.json", "/xdg", "/somewhere/else.json"},
+                        Case{nullptr, "/xdg", "/xdg/tellora/defaults.json"},
+                        Case{"", nullptr, "/home/someone/.config/tellora/defaults.json"},
+                        Case{"", "", "/home/someone/.config/tellora/defaults.json"},
+                        Case{"", "relative/dir", "/home/someone/.config/tellora/defaults.json"}}) {
+    ScopedEnv env;
+    env.set("TELLORA_DEFAULTS_PATH", c.explicitPath);
+    env.set("XDG_CONFIG_HOME", c.xdg);
+    env.set("HOME", "/home/someone");
+    EXPECT_EQ(UserDefaults::defaultPath(), fs::path(c.expected))
+        << (c.explicitPath ? c.explicitPath : "(unset)") << " " << (c.xdg ? c.xdg : "(unset)");
+  }
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,16 +28,12 @@ struct Endpoint {
 
 struct HttpResult {
   unsigned status = 0;  // 0: no response (refused, reset, timed out)
-  std::string reason;
   std::string body;
 };
-
 HttpResult httpRequest(const Endpoint& endpoint, const std::string& method,
-                       const std::string& target, const std::string& body = {},
-                       const Headers& headers = {});
+                       const std::string& target, const std::string& body = {});
 
-// POST /register with application `appId`/`appSecret`; the parsed reply
-// (null unless 200).
+// POST /register with application `appId`/`appSecret`; the identity is empty unless 200.
 struct Registration {
   unsigned status = 0;
   std::string clientId;
@@ -54,36 +51,35 @@ struct WsMessage {
 
 class WsClient {
  public:
-  // Opens /ws with the headers. On refusal returns null and sets
+  // Opens `target` with the headers. On refusal returns null and sets
   // `refusedStatus` to the HTTP status (0 when there was no HTTP answer).
   static std::unique_ptr<WsClient> open(const Endpoint& endpoint, const Headers& headers,
                                         unsigned* refusedStatus = nullptr,
                                         const std::string& target = "/ws");
-  // Opens with the identity headers the SDK sends.
+  // Opens /ws with the identity headers the SDK sends.
   static std::unique_ptr<WsClient> open(const Endpoint& endpoint, const Registration& identity,
                                         unsigned* refusedStatus = nullptr);
   virtual ~WsClient() = default;
 
-  virtual bool sendBinary(const std::string& bytes) = 0;
-  virtual bool sendText(const std::string& text) = 0;
+  virtual bool send(const std::string& bytes, bool text = false) = 0;
   // The next message, or nullopt when none came within `timeout`.
   virtual std::optional<WsMessage> receive(std::chrono::milliseconds timeout = 5s) = 0;
-  // Starts the closing handshake with code 1000 and waits for its end.
-  virtual void close() = 0;
 
   // Sends {"type","id","data"} as the SDK does (binary) and returns the reply
   // carrying "requestId" == id, keeping the pushes that arrive on the way.
   std::optional<nlohmann::json> request(int type, int64_t id,
-                                        const std::optional<nlohmann::json>& data = std::nullopt,
-                                        std::chrono::milliseconds timeout = 5s);
-  // Every message until the session ends or `timeout` passes; the close code
-  // when it ended with a close frame.
+                                        const std::optional<nlohmann::json>& data = std::nullopt);
+  // Reads until the session ends; its close code, or nullopt after `timeout`.
   std::optional<uint16_t> awaitClose(std::chrono::milliseconds timeout = 5s);
-  // The next push of this type (kept ones first), or nullopt.
-  std::optional<nlohmann::json> awaitPush(int type, std::chrono::milliseconds timeout = 5s);
 
   std::vector<nlohmann::json> pushes;  // kept by request()
   bool sawBinaryReply = false;         // the server must answer in text frames
+
+ private:
+  // Receives until `wanted` accepts a message or the session ends; the last
+  // message, or nullopt after `timeout`.
+  std::optional<WsMessage> receiveUntil(std::chrono::milliseconds timeout,
+                                        const std::function<bool(const WsMessage&)>& wanted);
 };
 
 }  // namespace tellora::server_test

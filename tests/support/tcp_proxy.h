@@ -16,8 +16,9 @@
 namespace tellora::testing {
 
 namespace detail {
-class TcpProxyCore;
-}
+class LoopbackListener;
+struct ProxyState;
+}  // namespace detail
 
 class TcpProxy {
  public:
@@ -41,7 +42,8 @@ class TcpProxy {
   std::size_t openConnections() const;
 
  private:
-  std::shared_ptr<detail::TcpProxyCore> core_;
+  std::shared_ptr<detail::ProxyState> state_;
+  std::unique_ptr<detail::LoopbackListener> listener_;
 };
 
 }  // namespace tellora::testing

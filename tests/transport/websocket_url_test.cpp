@@ -1,4 +1,5 @@
-// Where a WebSocket URL leads: host, port, Host field and request target.
+// Where a server URL leads: host, port, Host field and request target. The
+// WebSocket transport and the registration read their URLs the same way.
 #include <gtest/gtest.h>
 
 #include "transport/websocket_session.h"
@@ -6,33 +7,34 @@
 namespace tellora {
 namespace {
 
-TEST(WebSocketUrlTest, ExplicitPortAndPath) {
-  auto endpoint = parseWebSocketUrl("ws://127.0.0.1:10000/ws");
-  ASSERT_TRUE(endpoint);
-  EXPECT_FALSE(endpoint->secure);
-  EXPECT_EQ(endpoint->host, "127.0.0.1");
-  EXPECT_EQ(endpoint->port, "10000");
-  EXPECT_EQ(endpoint->hostHeader, "127.0.0.1:10000");
-  EXPECT_EQ(endpoint->target, "/ws");
-}
+struct UrlCase {
+  std::string url;
+  bool secure;
+  std::string host, port, hostHeader, target;
+};
 
-TEST(WebSocketUrlTest, SchemeDefaultsThePort) {
-  auto plain = parseWebSocketUrl("ws://example.test/ws");
-  auto secure = parseWebSocketUrl("WSS://example.test");
-  ASSERT_TRUE(plain && secure);
-  EXPECT_EQ(plain->port, "80");
-  EXPECT_EQ(plain->hostHeader, "example.test");
-  EXPECT_TRUE(secure->secure);
-  EXPECT_EQ(secure->port, "443");
-  EXPECT_EQ(secure->target, "/");
-}
-
-TEST(WebSocketUrlTest, QueryStaysInTheTargetAndIpv6KeepsItsBrackets) {
-  auto endpoint = parseWebSocketUrl("ws://[::1]:8080/socket?v=2");
-  ASSERT_TRUE(endpoint);
-  EXPECT_EQ(endpoint->host, "::1");
-  EXPECT_EQ(endpoint->hostHeader, "[::1]:8080");
-  EXPECT_EQ(endpoint->target, "/socket?v=2");
+TEST(WebSocketUrlTest, SplitsIntoWhatTheClientNeeds) {
+  const std::vector<UrlCase> cases = {
+      {"ws://127.0.0.1:10000/ws", false, "127.0.0.1", "10000", "127.0.0.1:10000", "/ws"},
+      {"ws://example.test/ws", false, "example.test", "80", "example.test", "/ws"},
+      {"WSS://example.test", true, "example.test", "443", "example.test", "/"},
+      {"https://example.com", true, "example.com", "443", "example.com", "/"},
+      {"ws://[::1]:8080/socket?v=2", false, "::1", "8080", "[::1]:8080", "/socket?v=2"},
+      // No user information in the Host field, no fragment in the target.
+      {"HTTP://user:pw@[::1]:10000/register?a=1&b=%20#top", false, "::1", "10000", "[::1]:10000",
+       "/register?a=1&b=%20"},
+      {"ws://h?x=1", false, "h", "80", "h", "/?x=1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.url);
+    const auto endpoint = parseWebSocketUrl(c.url);
+    ASSERT_TRUE(endpoint);
+    EXPECT_EQ(endpoint->secure, c.secure);
+    EXPECT_EQ(endpoint->host, c.host);
+    EXPECT_EQ(endpoint->port, c.port);
+    EXPECT_EQ(endpoint->hostHeader, c.hostHeader);
+    EXPECT_EQ(endpoint->target, c.target);
+  }
 }
 
 TEST(WebSocketUrlTest, UnusableUrlsAreRejected) {

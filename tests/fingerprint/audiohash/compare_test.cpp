@@ -5,6 +5,7 @@
 
 #include "fingerprint/audiohash/test_signals.h"
 #include "tellora/audiohash.h"
+#include "tests/fingerprint/audiohash/hashed.h"
 
 namespace {
 
@@ -49,19 +50,13 @@ TEST(Offsets, OneWordIsOneStep) {
 TEST(AlignmentSearch, FindsWhereAnExcerptStartsInTheLongerHash) {
   const auto longer = tellora::testing::babble(8000 * 6, 77, 8000);
   const std::vector<float> excerpt(longer.begin() + 8000, longer.begin() + 8000 * 3);
-  hashst s1, s2;
-  hashres a{}, b{};
-  inithashst(&s1);
-  inithashst(&s2);
-  ASSERT_EQ(audiohash(excerpt.data(), excerpt.size(), &a, &s1, 0, 8000), 0);
-  ASSERT_EQ(audiohash(longer.data(), longer.size(), &b, &s2, 0, 8000), 0);
+  tellora::testing::Hashed a(excerpt), b(longer);
   uint32_t index = 0;
   float conf = 0;
-  ASSERT_EQ(audio_distance_ber(&a, &b, 16, &index, &conf, 0.35f), 0);
+  ASSERT_EQ(audio_distance_ber(&a.res, &b.res, 16, &index, &conf, 0.35f), 0);
   EXPECT_EQ(index, 125u);  // 1 s = 8000 samples = 125 steps of 64
   EXPECT_FLOAT_EQ(get_offset_secs(8000, index), 1.0f);
   EXPECT_GT(conf, 0.95f);
-  freehash(&a), freehash(&b), freehashst(&s1), freehashst(&s2);
 }
 
 TEST(AlignmentSearch, EqualLengthsHaveOneOffsetAndTheLastBlockIsNeverCompared) {
