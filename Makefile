@@ -50,6 +50,11 @@ test-tsan: deps
 	@cmake --build build-tsan -j $(JOBS)
 	@cd build-tsan && ctest --output-on-failure -j $(JOBS)
 
+# The SDK's end-to-end tests once more under valgrind memcheck (normal build).
+.PHONY: test-valgrind
+test-valgrind: build
+	@scripts/valgrind-sdk.sh $(BUILD_DIR)
+
 bench: build
 	@$(BUILD_DIR)/bench/audiohash
 	@$(BUILD_DIR)/bench/pipeline
