@@ -1,6 +1,7 @@
 /* A host written in C, linked against libtellora.so: sets up with its own
- * configuration, searches, hears of a pushed client through its callback and
- * through a notification observer, lists the nearby clients and stops.
+ * configuration, searches (without a lost callback), hears of a pushed client
+ * through its callback and through a notification observer, lists the nearby
+ * clients and stops.
  *
  * Usage: c_api_test REGISTRATION_URL WEBSOCKET_URL
  * The driver test runs it against its loopback servers (with the server
@@ -21,15 +22,8 @@
 typedef struct host_state {
   unsigned magic; /* proves the SDK hands back the very pointer it was given */
   pthread_mutex_t mutex;
-  int started;
-  int found;
-  char found_id[64];
-  char found_payload[64];
-  int found_notices;
-  char notice_id[64];
-  char notice_payload[64];
-  int stopped;
-  int stopped_with_error;
+  int started, found, found_notices, stopped, stopped_with_error;
+  char found_id[64], found_payload[64], notice_id[64], notice_payload[64];
 } host_state;
 
 typedef struct listing {
@@ -53,49 +47,41 @@ static void copy_text(char* to, size_t size, const char* from) {
   to[size - 1] = '\0';
 }
 
-static host_state* state_of(void* user) {
+/* Locks the state when `user` is the host's own pointer; NULL otherwise. */
+static host_state* lock_state(void* user) {
   host_state* state = (host_state*)user;
   if (!state || state->magic != HOST_MAGIC) return NULL;
+  pthread_mutex_lock(&state->mutex);
   return state;
 }
 
 static void on_started(void* user) {
-  host_state* state = state_of(user);
+  host_state* state = lock_state(user);
   if (!state) return;
-  pthread_mutex_lock(&state->mutex);
   ++state->started;
   pthread_mutex_unlock(&state->mutex);
 }
 
 static void on_found(const char* client_id, const char* payload, void* user) {
-  host_state* state = state_of(user);
+  host_state* state = lock_state(user);
   if (!state) return;
-  pthread_mutex_lock(&state->mutex);
   ++state->found;
   copy_text(state->found_id, sizeof state->found_id, client_id);
   copy_text(state->found_payload, sizeof state->found_payload, payload);
   pthread_mutex_unlock(&state->mutex);
 }
 
-static void on_lost(const char* client_id, const char* payload, void* user) {
-  (void)client_id;
-  (void)payload;
-  (void)user;
-}
-
 static void on_stopped(const tlr_error* error, void* user) {
-  host_state* state = state_of(user);
+  host_state* state = lock_state(user);
   if (!state) return;
-  pthread_mutex_lock(&state->mutex);
   ++state->stopped;
   if (error) ++state->stopped_with_error;
   pthread_mutex_unlock(&state->mutex);
 }
 
 static void on_found_notice(const tlr_notification* notification, void* user) {
-  host_state* state = state_of(user);
+  host_state* state = lock_state(user);
   if (!state) return;
-  pthread_mutex_lock(&state->mutex);
   if (strcmp(notification->name, "TelloraClientFoundNotification") == 0) {
     ++state->found_notices;
     copy_text(state->notice_id, sizeof state->notice_id, notification->client_id);
@@ -124,11 +110,9 @@ static int read_counter(host_state* state, const int* counter) {
 static int wait_for(host_state* state, const int* counter, int at_least) {
   const struct timespec pause = {0, 5 * 1000 * 1000};
   int round;
-  for (round = 0; round < 1000; ++round) {
-    if (read_counter(state, counter) >= at_least) return 1;
+  for (round = 0; round < 1000 && read_counter(state, counter) < at_least; ++round)
     nanosleep(&pause, NULL);
-  }
-  return 0;
+  return read_counter(state, counter) >= at_least;
 }
 
 int main(int argc, char** argv) {
@@ -143,10 +127,8 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  CHECK(TelloraVersionNumber == 1.0);
-  CHECK(strcmp((const char*)TelloraVersionString, "@(#)PROGRAM:Tellora  PROJECT:Tellora-1\n") == 0);
-  CHECK(strcmp(UDClientID, "TLRUserDefaultsClientID") == 0);
-  CHECK(strcmp(UDClientSecret, "TLRUserDefaultsClientSecret") == 0);
+  /* The exported constants link from C. */
+  CHECK(TelloraVersionNumber > 0 && TelloraVersionString[0] && UDClientID[0] && UDClientSecret[0]);
 
   memset(&state, 0, sizeof state);
   state.magic = HOST_MAGIC;
@@ -164,7 +146,7 @@ int main(int argc, char** argv) {
   configuration.host_fed_audio = 1; /* no microphone here */
   tlr_setup_with_configuration(&configuration);
 
-  tlr_start_searching("c-payload", on_started, on_found, on_lost, on_stopped, &state);
+  tlr_start_searching("c-payload", on_started, on_found, NULL, on_stopped, &state);
   CHECK(tlr_is_searching() == 1);
   CHECK(wait_for(&state, &state.started, 1));
   CHECK(wait_for(&state, &state.found, 1));

@@ -32,21 +32,11 @@ class CliSearchTest : public ::testing::Test {
   // The search events it printed, in order; speed status lines (which depend
   // on reply timing) left out.
   std::vector<json> search(std::vector<std::string> extra, int expectedExit) {
-    std::vector<std::string> args = {"search",
-                                     "--register-url",
-                                     registrar_.url("/register"),
-                                     "--ws-url",
-                                     match_.url(),
-                                     "--app-id",
-                                     "5",
-                                     "--app-secret",
-                                     "cli-secret",
-                                     "--input",
-                                     dir_.file("room.wav"),
-                                     "--defaults",
-                                     dir_.file("defaults.json"),
-                                     "--duration",
-                                     "3"};
+    std::vector<std::string> args = {
+        "search",     "--register-url", registrar_.url("/register"), "--ws-url",
+        match_.url(), "--input",        dir_.file("room.wav")};
+    args.insert(args.end(), {"--app-id", "5", "--app-secret", "cli-secret", "--duration", "3",
+                             "--defaults", dir_.file("defaults.json")});
     args.insert(args.end(), extra.begin(), extra.end());
     const auto run = testing::runChild(TELLORA_CLI_PATH, args, {}, dir_.path());
     EXPECT_FALSE(run.timedOut);

@@ -16,31 +16,20 @@ using testing::HttpReply;
 
 using RegistrationTest = FacadeTest;
 
-TEST_F(RegistrationTest, PostsAppCredentialsAndDeviceAsJson) {
+// The request itself is the registration tests' business; here: what the
+// facade puts into it, and that nothing connects before it is answered.
+TEST_F(RegistrationTest, PostsTheConfigurationAndTheHostsNameWhileIdle) {
   createFacade();
-  // Registration is under way: nothing has connected yet.
   EXPECT_EQ(onLoop([&] {
               facade_->setConfiguration(configuration());
               return facade_->telloraState();
             }),
             TLRTelloraStateIdle);
   ASSERT_TRUE(registrar_.waitForRequests(1));
-
-  const auto request = registrar_.requests().at(0);
-  EXPECT_EQ(request.method, "POST");
-  EXPECT_EQ(request.target, "/register");
-  EXPECT_NE(request.header("Content-Type").value_or("").find("application/json"),
-            std::string::npos);
-  const auto body = nlohmann::json::parse(request.body);
+  const auto body = nlohmann::json::parse(registrar_.requests().at(0).body);
   EXPECT_EQ(body["app"], nlohmann::json({{"id", 7}, {"secretKey", "app-secret"}}));
-  EXPECT_TRUE(body["app"]["id"].is_number_integer());
-  const auto& device = body["device"];
-  ASSERT_EQ(device.size(), 6u) << device.dump();
-  for (const char* key : {"os", "osVersion", "hardware", "language", "appName", "appVersion"}) {
-    EXPECT_TRUE(device[key].is_string() && !device[key].get<std::string>().empty()) << key;
-  }
-  EXPECT_EQ(device["appName"], kHostIdentifier);  // the bundle id, under "appName"
-  EXPECT_EQ(device["appVersion"], kHostVersion);
+  EXPECT_EQ(body["device"]["appName"], kHostIdentifier);  // the bundle id, under "appName"
+  EXPECT_EQ(body["device"]["appVersion"], kHostVersion);
 }
 
 TEST_F(RegistrationTest, StoresIdentityConnectsWithItAndTheNextLaunchSkipsRegistering) {
@@ -70,11 +59,8 @@ TEST_F(RegistrationTest, StoresIdentityConnectsWithItAndTheNextLaunchSkipsRegist
   const auto upgrades = match_.ws().log().upgrades;
   ASSERT_EQ(upgrades.size(), 2u);
   for (const auto& upgrade : upgrades) {
-    EXPECT_EQ(upgrade.target, "/ws");  // credentials travel in headers only
     EXPECT_EQ(upgrade.header("clientId"), kClientID);
-    EXPECT_EQ(upgrade.headerCount("clientId"), 1u);
     EXPECT_EQ(upgrade.header("clientSecret"), kClientSecret);
-    EXPECT_EQ(upgrade.header("app_version"), kHostVersion);
   }
 }
 

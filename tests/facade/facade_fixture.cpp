@@ -1,10 +1,10 @@
 #include "tests/facade/facade_fixture.h"
 
 #include <algorithm>
-#include <cmath>
 
 #include "registration/device_info.h"
 #include "runtime/user_defaults.h"
+#include "tests/tools/test_audio.h"
 #include "transport/transport.h"
 
 namespace tellora::facade_test {
@@ -71,13 +71,7 @@ void FacadeTest::TearDown() {
 }
 
 TLRTelloraConfiguration FacadeTest::configuration() const {
-  TLRTelloraConfiguration c;
-  c.registrationServerURL = registrar_.url("/register");
-  c.websocketServerURL = match_.url();
-  c.appID = 7;
-  c.appSecret = "app-secret";
-  c.audioSourceFactory = audio_->sourceFactory();
-  return c;
+  return {registrar_.url("/register"), match_.url(), 7, "app-secret", audio_->sourceFactory()};
 }
 
 void FacadeTest::attachHostCallbacks() {
@@ -157,18 +151,10 @@ std::vector<TLRClient> FacadeTest::nearbyClients() {
 
 void FacadeTest::feedAudio(double seconds, double firstItemTicks) {
   constexpr uint32_t kBlock = 800;  // 100 ms at 8000 Hz
-  std::vector<int16_t> items(kBlock);
-  uint32_t seed = 12345;
-  for (int b = 0; b < static_cast<int>(std::ceil(seconds * 10)); ++b) {
-    for (uint32_t i = 0; i < kBlock; ++i) {
-      const double t = (b * kBlock + i) / 8000.0;
-      seed = seed * 1664525u + 1013904223u;
-      const double noise = static_cast<double>(seed >> 16) / 65536.0 - 0.5;
-      const double tone = std::sin(2 * M_PI * 440 * t) + 0.5 * std::sin(2 * M_PI * 1234 * t * t);
-      items[i] = static_cast<int16_t>(8000 * tone + 3000 * noise);
-    }
-    ASSERT_TRUE(audio_->push(items.data(), kBlock, firstItemTicks + b * 1e8))
-        << "block " << b << " dropped: the recorder is not running";
+  const auto items = testaudio::toItems(testaudio::renderChord(8000, 0.0, seconds));
+  for (size_t at = 0; at + kBlock <= items.size(); at += kBlock) {
+    ASSERT_TRUE(audio_->push(items.data() + at, kBlock, firstItemTicks + at * 1e9 / 8000))
+        << "item " << at << " dropped: the recorder is not running";
   }
 }
 

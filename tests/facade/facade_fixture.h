@@ -82,7 +82,7 @@ class FacadeTest : public ::testing::Test {
   int64_t telloraState();
   int64_t searchState();
   std::vector<TLRClient> nearbyClients();
-  // Pushes `seconds` of a test sound in 100 ms blocks whose first item is
+  // Pushes `seconds` (whole tenths) of a test sound in 100 ms blocks whose first item is
   // stamped `firstItemTicks` and the rest follow without gaps.
   void feedAudio(double seconds, double firstItemTicks);
   // Stores an identity in the user-defaults file, as an earlier launch would.

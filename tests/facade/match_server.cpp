@@ -83,16 +83,12 @@ std::string MatchServer::foundPush(const std::string& clientID, const nlohmann::
       .dump();
 }
 
-std::string MatchServer::lostPush(const std::string& clientID) {
-  return nlohmann::json{{"type", 103}, {"data", {{"clientId", clientID}}}}.dump();
-}
-
 void MatchServer::pushFound(const std::string& clientID, const nlohmann::json& payload) {
   server_.pushText(foundPush(clientID, payload));
 }
 
 void MatchServer::pushLost(const std::string& clientID) {
-  server_.pushText(lostPush(clientID));
+  server_.pushText(nlohmann::json{{"type", 103}, {"data", {{"clientId", clientID}}}}.dump());
 }
 
 }  // namespace tellora::facade_test

@@ -44,7 +44,6 @@ class MatchServer {
   void pushLost(const std::string& clientID);
 
   static std::string foundPush(const std::string& clientID, const nlohmann::json& payload);
-  static std::string lostPush(const std::string& clientID);
 
  private:
   struct Script {

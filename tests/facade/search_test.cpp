@@ -67,16 +67,19 @@ TEST_F(SearchSequenceTest, ModeThenPayloadThenNearbyAfterClockMeasurement) {
   EXPECT_EQ(idsOf(nearbyClients()), (Ids{"n1", "n2"}));
 }
 
-TEST_F(SearchSequenceTest, RestartAppendsNearbyAnswerAgain) {
+// Pushes are the server's business: the facade reports them whatever the search state.
+TEST_F(SearchSequenceTest, PushesCountWhileStoppedAndARestartAppendsNearbyAgain) {
   match_.setNearby(nlohmann::json::parse(R"([{"clientId":"n1","payload":"p1"}])"));
   startSearchAndWait();
   ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 1; }));
   onLoop([&] { facade_->stopSearching(); });
   EXPECT_EQ(nearbyClients().size(), 1u);  // a stop keeps the list
+  match_.pushFound("late", "x");
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 2; }));
 
   startSearch("second");
-  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 2; }));
-  EXPECT_EQ(idsOf(nearbyClients()), (Ids{"n1", "n1"}));
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 3; }));
+  EXPECT_EQ(idsOf(nearbyClients()), (Ids{"n1", "late", "n1"}));
   EXPECT_EQ(match_.requestsOfType(1).back()["data"], "second");
 }
 
@@ -157,7 +160,7 @@ TEST_F(FingerprintTest, SentWithStartOnServerClockAndOffsetAsEndUntilTheStop) {
 
 using NearbyTest = FacadeTest;
 
-TEST_F(NearbyTest, SameClientPushedTwiceIsListedTwiceAndLostOnce) {
+TEST_F(NearbyTest, SameClientIsListedPerPushAndLostOnceUnknownLostIgnored) {
   startSearchAndWait();
   match_.pushFound("twin", "a");
   match_.pushFound("twin", "b");
@@ -176,26 +179,13 @@ TEST_F(NearbyTest, SameClientPushedTwiceIsListedTwiceAndLostOnce) {
   ASSERT_EQ(lostNotices.size(), 1u);
   EXPECT_EQ(lostNotices[0].client->clientID(), "twin");
   EXPECT_EQ(lostNotices[0].client->payload(), "a");
-}
 
-TEST_F(NearbyTest, LostForUnknownIdIsIgnored) {
-  startSearchAndWait();
-  match_.pushFound("known", "k");
+  // Lost for an unknown id is ignored; the push after it shows it was handled.
   match_.pushLost("ghost");
-  // A push after the ghost's shows it has been handled.
   match_.pushFound("marker", nullptr);
-  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 2; }));
-  EXPECT_EQ(events_->countOf("lost") + events_->countOf(TelloraClientLostNotification), 0u);
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 3; }));
+  EXPECT_EQ(events_->countOf("lost") + events_->countOf(TelloraClientLostNotification), 2u);
   EXPECT_EQ(nearbyClients().size(), 2u);
-}
-
-TEST_F(NearbyTest, PushesReachHostWhileNotSearching) {
-  // Pushes are the server's business: the facade reports them whatever the search state.
-  startSearchAndWait();
-  onLoop([&] { facade_->stopSearching(); });
-  match_.pushFound("late", "x");
-  ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 1; }));
-  EXPECT_EQ(idsOf(nearbyClients()), (Ids{"late"}));
 }
 
 // --- Stopping ------------------------------------------------------------------------------

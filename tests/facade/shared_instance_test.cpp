@@ -39,13 +39,8 @@ TEST(SharedInstanceTest, HostDrivesSearchThroughStaticEntryPoints) {
 
   TLRTellora::setHostApplication("com.example.shared", "9.9");
   TLRTellora::setTimingsForTesting(0ms, 200ms, 50ms);
-  TLRTelloraConfiguration configuration;
-  configuration.registrationServerURL = registrar.url("/register");
-  configuration.websocketServerURL = match.url();
-  configuration.appID = 11;
-  configuration.appSecret = "custom-key";
-  configuration.audioSourceFactory = audio->sourceFactory();
-  TLRTellora::setupWithCustomConfiguration(configuration);
+  TLRTellora::setupWithCustomConfiguration(
+      {registrar.url("/register"), match.url(), 11, "custom-key", audio->sourceFactory()});
   EXPECT_EQ(sandbox.countLog("Tellora: set custom configuration is OK"), 1u);
   // The first configuration wins: neither of these changes where it goes.
   TLRTellora::setupWithApiKey("ignored-key");

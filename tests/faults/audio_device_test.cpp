@@ -2,30 +2,20 @@
 // of a search, behind the facade with the real server. The recorder retries
 // with a growing delay and announces each retry ("audioError"); the host's
 // search is not stopped, and fingerprints flow again once the device is back.
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "audio/recorder.h"
-#include "facade/tellora_impl.h"
 #include "runtime/clock.h"
-#include "runtime/event_loop.h"
-#include "runtime/user_defaults.h"
 #include "server/server.h"
 #include "tellora/audio_source.h"
 #include "tellora/logging.h"
 #include "tellora/notifications.h"
-#include "tellora/tellora.h"
-#include "tests/faults/host_log.h"
-#include "tests/faults/process_waits.h"
-#include "tests/tools/scratch_dir.h"
+#include "tests/faults/facade_fixture.h"
 
 namespace tellora::faults {
 namespace {
@@ -84,25 +74,21 @@ class DeviceSource : public TLRAudioSource {
   std::thread feeder_;
 };
 
-class AudioDeviceFaults : public ::testing::Test {
+class AudioDeviceFaults : public FacadeFaultTest {
  protected:
   void SetUp() override {
-    UserDefaults::setStandardPath(dir.file("defaults.json"));
+    FacadeFaultTest::SetUp();
     // Debug logging shows every fingerprint the search sends.
     UserDefaults::standard().setBool("debug", true);
     auto log = host;
     TLRSetLogSink([log](std::string_view line) { log->logLine(std::string(line)); });
-    auto& center = TLRNotificationCenter::defaultCenter();
-    auto messages = audioErrors;
-    observers.push_back(
-        center.addObserver(TLRAudioErrorNotification, [messages](const TLRNotification& n) {
+    observer = TLRNotificationCenter::defaultCenter().addObserver(
+        TLRAudioErrorNotification, [messages = audioErrors](const TLRNotification& n) {
           auto message = n.userInfo.find("message");
           const auto* text =
               message == n.userInfo.end() ? nullptr : std::get_if<std::string>(&message->second);
-          std::lock_guard lock(messages->mutex);
-          messages->texts.push_back(text ? *text : "");
-        }));
-
+          messages->add(text ? *text : "");
+        });
     server::ServerOptions options;
     options.port = 0;
     options.databasePath = ":memory:";
@@ -111,68 +97,40 @@ class AudioDeviceFaults : public ::testing::Test {
   }
 
   void TearDown() override {
-    if (facade) {
-      EventLoop::main().call([&] {
-        facade->disconnect();
-        facade.reset();
-      });
-    }
+    disconnect();
     server->stop();
-    EventLoop::main().drain();
-    EventLoop::main().drain();
-    for (auto token : observers)
-      TLRNotificationCenter::defaultCenter().removeObserver(token);
+    FacadeFaultTest::TearDown();
+    TLRNotificationCenter::defaultCenter().removeObserver(observer);
     TLRSetLogSink({});
   }
 
-  // Sets up, waits for the connection and starts a search.
+  // Sets up, waits for the connection and starts a search; the recorder
+  // retries after 50, 100, 150 ms...
   void search() {
-    TLRTelloraConfiguration c;
-    const std::string base = "127.0.0.1:" + std::to_string(server->port());
-    c.registrationServerURL = "http://" + base + "/register";
-    c.websocketServerURL = "ws://" + base + "/ws";
-    c.appID = 7;
-    c.appSecret = "audio-faults";
-    c.audioSourceFactory = [device = device] { return std::make_unique<DeviceSource>(device); };
-    facade = EventLoop::main().call([&, log = host] {
-      auto created = TLRTelloraImpl::create();
-      created->setTimings(Duration{}, 300ms, 50ms);  // recorder retries after 50, 100, 150 ms...
-      created->setHostCallbacks([log] { log->started(); }, nullptr, nullptr,
-                                [log](const std::optional<TLRError>& e) { log->stopped(e); });
-      created->setConfiguration(c);
-      return created;
-    });
-    ASSERT_TRUE(waitUntil([&] { return state() == TLRTelloraStateConnected; }, 10s));
-    EventLoop::main().call([&] { facade->startSearchingWithPayload("listening"); });
+    createFacade(
+        loopbackConfiguration(
+            "audio-faults", [device = device] { return std::make_unique<DeviceSource>(device); },
+            server->port()),
+        Duration{}, 300ms);
+    ASSERT_TRUE(waitConnected());
+    startSearching("listening");
     ASSERT_TRUE(waitUntil([&] { return host->startedCount() == 1; }, 5s));
   }
 
-  int64_t state() {
-    return EventLoop::main().call([&] { return facade->telloraState(); });
-  }
   int64_t searchState() {
     return EventLoop::main().call([&] { return facade->searchState(); });
   }
-  std::vector<std::string> audioErrorMessages() {
-    std::lock_guard lock(audioErrors->mutex);
-    return audioErrors->texts;
-  }
+  std::vector<std::string> audioErrorMessages() { return audioErrors->get(); }
   std::size_t fingerprintsSent() { return host->countLogStartingWith("startTime == "); }
   bool fingerprintsFlowAfter(std::size_t sentBefore) {
     return waitUntil([&] { return fingerprintsSent() >= sentBefore + 3; }, 10s);
   }
 
-  struct Messages {
-    std::mutex mutex;
-    std::vector<std::string> texts;
-  };
-  testtools::ScratchDir dir;
   std::shared_ptr<Device> device = std::make_shared<Device>();
-  std::shared_ptr<Messages> audioErrors = std::make_shared<Messages>();
-  std::shared_ptr<HostLog> host = std::make_shared<HostLog>();
-  std::vector<TLRNotificationCenter::ObserverToken> observers;
+  std::shared_ptr<testing::WatchedList<std::string>> audioErrors =
+      std::make_shared<testing::WatchedList<std::string>>();
+  TLRNotificationCenter::ObserverToken observer = 0;
   std::unique_ptr<server::Server> server;
-  std::shared_ptr<TLRTelloraImpl> facade;
 };
 
 TEST_F(AudioDeviceFaults, DeviceThatFailsToStartIsRetriedUntilItRuns) {
@@ -197,11 +155,11 @@ TEST_F(AudioDeviceFaults, DeviceThatVanishesMidSearchIsPickedUpAgain) {
 
   device->unplugged = true;
   // The silence is noticed, then every start fails while the device is gone.
-  ASSERT_TRUE(waitUntil([&] { return audioErrorMessages().size() >= 3; }, 5s));
+  ASSERT_TRUE(audioErrors->waitForSize(3));
   const auto messages = audioErrorMessages();
   EXPECT_EQ(messages[0], "Error with code -9987 occure - audioDataReceived attemptCount == 2");
   EXPECT_EQ(messages[1], "Error with code -9996 occure - Pa_OpenStream attemptCount == 3");
-  EXPECT_EQ(state(), TLRTelloraStateConnected);
+  EXPECT_EQ(telloraState(), TLRTelloraStateConnected);
   EXPECT_EQ(searchState(), TLRSearchStateSearching);
 
   const auto sentWhileGone = fingerprintsSent();

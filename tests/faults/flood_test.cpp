@@ -3,41 +3,29 @@
 // WebSocket sessions that send malformed frames. Meanwhile a well-behaved SDK
 // client must still connect and have its requests answered, and the server's
 // memory must stay bounded: a second identical flood may not grow it much.
-#include <gtest/gtest.h>
-
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
-#include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
 #include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
-#include "facade/tellora_impl.h"
-#include "runtime/event_loop.h"
-#include "runtime/user_defaults.h"
 #include "tellora/host_fed_audio.h"
-#include "tellora/tellora.h"
-#include "tests/faults/host_log.h"
-#include "tests/faults/process_waits.h"
-#include "tests/tools/scratch_dir.h"
+#include "tests/faults/facade_fixture.h"
+#include "tests/server/loopback_client.h"
 
 namespace tellora::faults {
 namespace {
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
-namespace http = beast::http;
 namespace websocket = beast::websocket;
 using tcp = asio::ip::tcp;
 using namespace std::chrono_literals;
@@ -45,31 +33,11 @@ using namespace std::chrono_literals;
 constexpr int kRawConnections = 900;
 constexpr int kSessions = 100;
 
-struct Identity {
-  std::string clientId;
-  std::string clientSecret;
-};
+using server_test::Registration;
 
 class LoadClient {
  public:
   explicit LoadClient(uint16_t port) : server_(asio::ip::make_address("127.0.0.1"), port) {}
-
-  Identity registerClient() {
-    beast::tcp_stream stream(io_);
-    stream.connect(server_);
-    http::request<http::string_body> request{http::verb::post, "/register", 11};
-    request.set(http::field::host, "127.0.0.1");
-    request.set(http::field::content_type, "application/json");
-    request.body() = R"({"app":{"id":7,"secretKey":"flood"}})";
-    request.prepare_payload();
-    http::write(stream, request);
-    beast::flat_buffer buffer;
-    http::response<http::string_body> response;
-    http::read(stream, buffer, response);
-    const auto body = nlohmann::json::parse(response.body(), nullptr, false);
-    if (!body.is_object()) return {};
-    return {body.value("clientId", ""), body.value("clientSecret", "")};
-  }
 
   // Connections that misbehave below the WebSocket layer; they stay open.
   void openRawConnections(int count) {
@@ -93,7 +61,7 @@ class LoadClient {
 
   // Accepted sessions that send what no client should: bad JSON, binary
   // noise, unknown types, and finally a frame that breaks the protocol.
-  void openMisbehavingSessions(const std::vector<Identity>& identities) {
+  void openMisbehavingSessions(const std::vector<Registration>& identities) {
     for (const auto& identity : identities) {
       auto ws = std::make_unique<websocket::stream<tcp::socket>>(io_);
       ws->next_layer().connect(server_);
@@ -158,14 +126,14 @@ class LoadClient {
   std::vector<std::unique_ptr<websocket::stream<tcp::socket>>> sessions_;
 };
 
-class ServerUnderFlood : public ::testing::Test {
+class ServerUnderFlood : public FacadeFaultTest {
  protected:
   void SetUp() override {
+    FacadeFaultTest::SetUp();
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
-    UserDefaults::setStandardPath(dir.file("defaults.json"));
     server = std::make_unique<BackgroundProcess>(
         TELLORA_SERVER_PATH,
         std::vector<std::string>{"--bind", "127.0.0.1", "--port", "0", "--db", ":memory:"},
@@ -174,57 +142,28 @@ class ServerUnderFlood : public ::testing::Test {
     port = listeningPort(server->out());
   }
 
-  void TearDown() override {
-    disconnectClient();
-    EventLoop::main().drain();
-  }
-
   // A well-behaved SDK client: it connects (the clock measurement is answered)
   // and starts a search (mode and payload acknowledged).
   bool clientIsServed() {
-    auto log = std::make_shared<HostLog>();
-    TLRTelloraConfiguration c;
-    const std::string base = "127.0.0.1:" + std::to_string(port);
-    c.registrationServerURL = "http://" + base + "/register";
-    c.websocketServerURL = "ws://" + base + "/ws";
-    c.appID = 7;
-    c.appSecret = "flood";
-    c.audioSourceFactory = audio->sourceFactory();
-    facade = EventLoop::main().call([&] {
-      auto created = TLRTelloraImpl::create();
-      created->setTimings(Duration{}, 300ms, 50ms);
-      created->setHostCallbacks([log] { log->started(); }, nullptr, nullptr, nullptr);
-      created->setConfiguration(c);
-      return created;
-    });
-    auto state = [&] { return EventLoop::main().call([&] { return facade->telloraState(); }); };
-    if (!waitUntil([&] { return state() == TLRTelloraStateConnected; }, 15s)) return false;
-    EventLoop::main().call([&] { facade->startSearchingWithPayload("well-behaved"); });
-    const bool started = waitUntil([&] { return log->startedCount() == 1; }, 15s);
-    disconnectClient();
+    const int startsBefore = host->startedCount();
+    createFacade(loopbackConfiguration("flood", audio->sourceFactory(), port), Duration{}, 300ms);
+    if (!waitConnected(15s)) return false;
+    startSearching("well-behaved");
+    const bool started = waitUntil([&] { return host->startedCount() == startsBefore + 1; }, 15s);
+    disconnect();
     return started;
   }
 
-  void disconnectClient() {
-    if (!facade) return;
-    EventLoop::main().call([&] {
-      facade->disconnect();
-      facade.reset();
-    });
-  }
-
-  testtools::ScratchDir dir;
   std::unique_ptr<BackgroundProcess> server;
   uint16_t port = 0;
   std::shared_ptr<TLRHostFedAudio> audio = TLRHostFedAudio::create();
-  std::shared_ptr<TLRTelloraImpl> facade;
 };
 
 TEST_F(ServerUnderFlood, KeepsServingAndItsMemoryStaysBounded) {
   LoadClient load(port);
-  std::vector<Identity> identities;
+  std::vector<Registration> identities;
   for (int i = 0; i < kSessions; ++i)
-    identities.push_back(load.registerClient());
+    identities.push_back(server_test::registerClient({port, "", 0}, 7, "flood"));
   ASSERT_FALSE(identities.back().clientId.empty());
   ASSERT_TRUE(clientIsServed());
   const long baselineKb = server->residentKilobytes();

@@ -12,8 +12,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "runtime/user_defaults.h"
 #include "tests/faults/process_waits.h"
+#include "tests/support/search_output.h"
 #include "tests/tools/scratch_dir.h"
 #include "tests/tools/test_audio.h"
 #include "tools/scenes/scene_audio.h"
@@ -26,31 +26,16 @@ using std::chrono::seconds;
 
 constexpr const char* kApp = "7:restart-secret";
 
-std::vector<json> eventsOf(const std::string& output) {
-  std::vector<json> events;
-  std::size_t start = 0;
-  for (std::size_t end; (end = output.find('\n', start)) != std::string::npos; start = end + 1) {
-    auto event = json::parse(output.substr(start, end - start), nullptr, false);
-    if (event.is_object()) events.push_back(std::move(event));
-  }
-  return events;
-}
-
 // Events named `kind` that come after the `nth` (1-based) "searchRestarting";
 // with nth 0, all of them.
 std::vector<json> eventsAfterRestart(const std::string& output, const std::string& kind, int nth) {
   std::vector<json> found;
   int restarts = 0;
-  for (const auto& e : eventsOf(output)) {
+  for (const auto& e : testing::searchEvents(output)) {
     if (e["event"] == "searchRestarting") ++restarts;
     if (restarts >= nth && e["event"] == kind) found.push_back(e);
   }
   return found;
-}
-
-std::string identityOf(const std::string& defaultsFile) {
-  UserDefaults defaults(defaultsFile);
-  return defaults.stringForKey("TLRUserDefaultsClientID").value_or("");
 }
 
 class ServerKilledMidSearch : public ::testing::Test {
@@ -68,23 +53,10 @@ class ServerKilledMidSearch : public ::testing::Test {
   }
 
   std::vector<std::string> hostArgs(const std::string& name, uint16_t port) {
-    const std::string base = "127.0.0.1:" + std::to_string(port);
-    return {"search",
-            "--register-url",
-            "http://" + base + "/register",
-            "--ws-url",
-            "ws://" + base + "/ws",
-            "--app-id",
-            "7",
-            "--app-secret",
-            "restart-secret",
-            "--payload",
-            name,
-            "--input",
-            dir.file(name + ".wav"),
-            "--loop",
-            "--defaults",
-            dir.file(name + ".json")};
+    auto args = testing::searchArgs(port, 7, "restart-secret", name, dir.file(name + ".wav"),
+                                    dir.file(name + ".json"));
+    args.push_back("--loop");
+    return args;
   }
 
   // A first short run registers the host, so the search under test starts on
@@ -131,8 +103,8 @@ TEST_F(ServerKilledMidSearch, HostsRestartTheSearchAndFindEachOtherAgainUnderThe
   };
   ASSERT_TRUE(waitUntil([&] { return bothFound(0); }, seconds(25)))
       << alice->out() << bob->out() << server->err();
-  const std::string aliceId = identityOf(dir.file("alice.json"));
-  const std::string bobId = identityOf(dir.file("bob.json"));
+  const std::string aliceId = testing::storedClientId(dir.file("alice.json"));
+  const std::string bobId = testing::storedClientId(dir.file("bob.json"));
   ASSERT_FALSE(aliceId.empty());
   ASSERT_FALSE(bobId.empty());
   const long aliceThreads = alice->threadCount(), bobThreads = bob->threadCount();
@@ -168,8 +140,8 @@ TEST_F(ServerKilledMidSearch, HostsRestartTheSearchAndFindEachOtherAgainUnderThe
     EXPECT_EQ(eventsAfterRestart(host->out(), "searchStarted", 1).size(), 1u) << host->out();
   }
   // Same identities, and each is told about the other under the known id.
-  EXPECT_EQ(identityOf(dir.file("alice.json")), aliceId);
-  EXPECT_EQ(identityOf(dir.file("bob.json")), bobId);
+  EXPECT_EQ(testing::storedClientId(dir.file("alice.json")), aliceId);
+  EXPECT_EQ(testing::storedClientId(dir.file("bob.json")), bobId);
   EXPECT_EQ(eventsAfterRestart(alice->out(), "clientFound", 1).front()["clientId"], bobId);
   EXPECT_EQ(eventsAfterRestart(bob->out(), "clientFound", 1).front()["clientId"], aliceId);
 }

@@ -3,28 +3,19 @@
 // replies keep taking more than 25 s, and after the sixth restart request
 // gives up, reporting 103. A clock that jumps 30 s at every reading makes each
 // reply "take" that long without the test waiting for it.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
 
-#include "facade/tellora_impl.h"
 #include "runtime/clock.h"
-#include "runtime/event_loop.h"
-#include "runtime/user_defaults.h"
 #include "server/server.h"
 #include "tellora/host_fed_audio.h"
 #include "tellora/logging.h"
 #include "tellora/notifications.h"
-#include "tellora/tellora.h"
-#include "tests/faults/host_log.h"
-#include "tests/faults/process_waits.h"
+#include "tests/faults/facade_fixture.h"
 #include "tests/support/tcp_proxy.h"
-#include "tests/tools/scratch_dir.h"
 
 namespace tellora::faults {
 namespace {
@@ -48,10 +39,10 @@ class JumpingClock : public Clock {
   std::atomic<long> jumps_{0};
 };
 
-class SlowLink : public ::testing::Test {
+class SlowLink : public FacadeFaultTest {
  protected:
   void SetUp() override {
-    UserDefaults::setStandardPath(dir.file("defaults.json"));
+    FacadeFaultTest::SetUp();
     EventLoop::main().call([&] { setClockForTesting(&jumpingClock); });
     auto log = host;
     TLRSetLogSink([log](std::string_view line) { log->logLine(std::string(line)); });
@@ -68,65 +59,37 @@ class SlowLink : public ::testing::Test {
     server = std::make_unique<server::Server>(options);
     server->start();
     proxy = std::make_unique<testing::TcpProxy>(server->port());
-
-    TLRTelloraConfiguration c;
-    c.registrationServerURL = "http://127.0.0.1:" + std::to_string(server->port()) + "/register";
-    c.websocketServerURL = "ws://127.0.0.1:" + std::to_string(proxy->port()) + "/ws";
-    c.appID = 7;
-    c.appSecret = "slow-link";
-    c.audioSourceFactory = audio->sourceFactory();
-    facade = EventLoop::main().call([&, log] {
-      auto created = TLRTelloraImpl::create();
-      // Checks the link ten times a second; retries a failed open quickly.
-      created->setTimings(100ms, 300ms, 50ms);
-      created->setHostCallbacks([log] { log->started(); }, nullptr, nullptr,
-                                [log](const std::optional<TLRError>& e) { log->stopped(e); });
-      created->setConfiguration(c);
-      return created;
-    });
+    // Checks the link ten times a second; retries a failed open quickly.
+    createFacade(
+        loopbackConfiguration("slow-link", audio->sourceFactory(), server->port(), proxy->port()),
+        100ms, 300ms);
   }
 
   void TearDown() override {
-    EventLoop::main().call([&] {
-      facade->disconnect();
-      facade.reset();
-    });
+    disconnect();
     proxy.reset();
     server->stop();
-    EventLoop::main().drain();
-    EventLoop::main().drain();
+    FacadeFaultTest::TearDown();
     TLRNotificationCenter::defaultCenter().removeObserver(speedObserver);
     TLRSetLogSink({});
     EventLoop::main().call([] { setClockForTesting(nullptr); });
   }
 
-  int64_t telloraState() {
-    return EventLoop::main().call([&] { return facade->telloraState(); });
-  }
-
-  testtools::ScratchDir dir;
   JumpingClock jumpingClock;
-  std::shared_ptr<HostLog> host = std::make_shared<HostLog>();
   TLRNotificationCenter::ObserverToken speedObserver = 0;
   std::unique_ptr<server::Server> server;
   std::unique_ptr<testing::TcpProxy> proxy;
   std::shared_ptr<TLRHostFedAudio> audio = TLRHostFedAudio::create();
-  std::shared_ptr<TLRTelloraImpl> facade;
 };
 
 TEST_F(SlowLink, StalledRepliesWarnLowThenRestartsEndInGiveUp103) {
-  ASSERT_TRUE(waitUntil([&] { return telloraState() == TLRTelloraStateConnected; }, 10s));
+  ASSERT_TRUE(waitConnected());
   ASSERT_EQ(proxy->acceptedConnections(), 1u);
 
   // Nothing comes back: the search's first request ages past a second.
   proxy->stall();
-  EventLoop::main().call([&] { facade->startSearchingWithPayload("stalled"); });
-  ASSERT_TRUE(waitUntil(
-      [&] {
-        const auto statuses = host->speedStatuses();
-        return std::find(statuses.begin(), statuses.end(), "low") != statuses.end();
-      },
-      5s));
+  startSearching("stalled");
+  ASSERT_TRUE(host->speedStatuses.waitFor("low"));
   // An overdue request holds the restart back, however long it waits.
   EXPECT_EQ(host->countLog("Tellora reconnect"), 0u);
   EXPECT_EQ(proxy->acceptedConnections(), 1u);

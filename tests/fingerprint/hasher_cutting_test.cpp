@@ -63,10 +63,11 @@ TEST_F(HasherCuttingTest, TheItemThatFindsTheBufferFullCutsThePartAndIsDropped) 
   waitForDeliveries();
   EXPECT_TRUE(parts().empty()) << "a full buffer waits for the next item";
 
-  feedNext(items(kPartItems, kPartItems + 32));
+  const uint32_t secondCut = kPartItems + kCutEvery;
+  feedNext(items(kPartItems, secondCut + 1));
   waitForDeliveries();
   const auto received = parts();
-  ASSERT_EQ(received.size(), 1u);
+  ASSERT_EQ(received.size(), 2u);
   EXPECT_EQ(received[0].fingerprint.size(), 156u);
   EXPECT_EQ(received[0].fingerprint, expectedFingerprint(items(0, kPartItems)));
   // It ends at the dropped item and starts 496 ms before, at the first item.
@@ -74,20 +75,8 @@ TEST_F(HasherCuttingTest, TheItemThatFindsTheBufferFullCutsThePartAndIsDropped) 
   EXPECT_NEAR(received[0].start, received[0].end - kPartMs, kTimeTolerance);
   EXPECT_NEAR(received[0].start, wallMsOfItem(0), kTimeTolerance);
 
-  // Kept: the last frame and step of the part, then the stale item at 2112
-  // (left from the part), then the items after the dropped one.
-  EXPECT_EQ(bufferContent(),
-            concat({items(kPartItems - kKeptItems, kPartItems), items(kKeptItems, kKeptItems + 1),
-                    items(kPartItems + 1, kPartItems + 32)}));
-}
-
-TEST_F(HasherCuttingTest, TheStaleItemBelongsToTheNextPart) {
-  const uint32_t secondCut = kPartItems + kCutEvery;
-  feedNext(items(0, secondCut + 1));
-  waitForDeliveries();
-
-  const auto received = parts();
-  ASSERT_EQ(received.size(), 2u);
+  // The next part: the last frame and step of the first, then the stale item
+  // at 2112 (left from the first part), then the items after the dropped one.
   const auto secondPart =
       concat({items(kPartItems - kKeptItems, kPartItems), items(kKeptItems, kKeptItems + 1),
               items(kPartItems + 1, secondCut)});
@@ -110,7 +99,6 @@ TEST_F(HasherCuttingTest, PartsFollowEvery1856ItemsIn232MsStepsOnTheLoopInOrder)
     EXPECT_NEAR(received[k].end - received[k].start, kPartMs, kTimeTolerance) << k;
     EXPECT_TRUE(received[k].onLoop) << k;
   }
-  EXPECT_EQ(bufferContent().size(), 2113u + (80000u - (kPartItems + kCutEvery * 40) - 1));
 }
 
 TEST_F(HasherCuttingTest, BlocksOfAnySizeCutTheSameParts) {

@@ -14,8 +14,8 @@
 
 #include "registration/registration_service.h"
 #include "tellora/error.h"
+#include "tests/runtime/runtime_sandbox.h"
 #include "tests/support/http_test_server.h"
-#include "tests/support/sdk_test.h"
 
 namespace tellora::registration_test {
 
@@ -61,12 +61,9 @@ struct RegistrationOutcome {
   std::optional<TLRError> error;
 };
 
-class RegistrationTest : public testing::SdkTest {
+class RegistrationTest : public ::testing::Test {
  protected:
-  void TearDown() override {
-    server_.reset();
-    SdkTest::TearDown();
-  }
+  RegistrationTest() { testing::RuntimeSandbox::setDebug(true); }
 
   // A device description with a distinct value in every field.
   static TLRDeviceInfo sampleDevice() {
@@ -92,6 +89,7 @@ class RegistrationTest : public testing::SdkTest {
     return registerAt(server_->url("/register"));
   }
 
+  testing::RuntimeSandbox sandbox_;
   std::unique_ptr<HttpTestServer> server_ = std::make_unique<HttpTestServer>();
 };
 

@@ -13,17 +13,14 @@
 
 #include <nlohmann/json.hpp>
 
-#include "runtime/user_defaults.h"
 #include "server/server.h"
-#include "tests/support/child_process.h"
+#include "tests/support/search_output.h"
 #include "tests/tools/scratch_dir.h"
 #include "tests/tools/test_audio.h"
 #include "tools/scenes/scene_audio.h"
 
 namespace tellora::server {
 namespace {
-
-using nlohmann::json;
 
 constexpr int kAppId = 7;
 constexpr const char* kAppSecret = "e2e-secret";
@@ -37,20 +34,6 @@ struct Device {
   scenes::DeviceChannel channel;
   testing::ChildRun run;
 };
-
-std::vector<json> events(const testing::ChildRun& run, const std::string& kind) {
-  std::vector<json> found;
-  for (const auto& line : testing::splitLines(run.out)) {
-    auto event = json::parse(line, nullptr, false);
-    if (event.is_object() && event.value("event", "") == kind) found.push_back(event);
-  }
-  return found;
-}
-
-std::string identityOf(const std::string& defaultsFile) {
-  UserDefaults defaults(defaultsFile);
-  return defaults.stringForKey("TLRUserDefaultsClientID").value_or("");
-}
 
 TEST(SdkSearchAgainstTheServer, DevicesInOneRoomFindEachOtherAndNotTheOneNextDoor) {
   const scenes::Signal talkerA = scenes::randomTalker(101, 5),
@@ -79,19 +62,16 @@ TEST(SdkSearchAgainstTheServer, DevicesInOneRoomFindEachOtherAndNotTheOneNextDoo
   options.apps = {{kAppId, kAppSecret}};
   Server server(options);
   server.start();
-  const std::string base = "127.0.0.1:" + std::to_string(server.port());
 
   // All three at once, as devices that start searching together.
   std::vector<std::thread> runs;
   for (auto& d : devices) {
-    runs.emplace_back([&d, &dir, &base] {
-      d.run = testing::runChild(
-          TELLORA_CLI_PATH,
-          {"search", "--register-url", "http://" + base + "/register", "--ws-url",
-           "ws://" + base + "/ws", "--app-id", std::to_string(kAppId), "--app-secret", kAppSecret,
-           "--payload", d.payload, "--input", dir.file(d.name + ".wav"), "--defaults",
-           dir.file(d.name + ".json"), "--duration", kSearchSeconds},
-          {}, dir.file(d.name), std::chrono::seconds(40));
+    auto args = testing::searchArgs(server.port(), kAppId, kAppSecret, d.payload,
+                                    dir.file(d.name + ".wav"), dir.file(d.name + ".json"));
+    args.insert(args.end(), {"--duration", kSearchSeconds});
+    runs.emplace_back([&d, &dir, args] {
+      d.run =
+          testing::runChild(TELLORA_CLI_PATH, args, {}, dir.file(d.name), std::chrono::seconds(40));
     });
   }
   for (auto& t : runs)
@@ -101,12 +81,13 @@ TEST(SdkSearchAgainstTheServer, DevicesInOneRoomFindEachOtherAndNotTheOneNextDoo
   for (const auto& d : devices) {
     ASSERT_FALSE(d.run.timedOut) << d.name;
     EXPECT_EQ(d.run.exitCode, 0) << d.name << ": " << d.run.err;
-    EXPECT_EQ(events(d.run, "searchStarted").size(), 1u) << d.name << ": " << d.run.out;
+    EXPECT_EQ(testing::searchEvents(d.run.out, "searchStarted").size(), 1u)
+        << d.name << ": " << d.run.out;
   }
   const auto& [a, b, c] = std::tie(devices[0], devices[1], devices[2]);
   auto payloadsFound = [](const Device& d) {
     std::vector<std::string> payloads;
-    for (const auto& e : events(d.run, "clientFound"))
+    for (const auto& e : testing::searchEvents(d.run.out, "clientFound"))
       payloads.push_back(e.value("payload", ""));
     return payloads;
   };
@@ -115,9 +96,9 @@ TEST(SdkSearchAgainstTheServer, DevicesInOneRoomFindEachOtherAndNotTheOneNextDoo
   EXPECT_TRUE(payloadsFound(c).empty()) << c.run.out;
 
   // The identifiers pushed are the ones the devices were registered with.
-  const auto foundByA = events(a.run, "clientFound");
+  const auto foundByA = testing::searchEvents(a.run.out, "clientFound");
   if (!foundByA.empty()) {
-    EXPECT_EQ(foundByA[0]["clientId"], identityOf(dir.file("B.json")));
+    EXPECT_EQ(foundByA[0]["clientId"], testing::storedClientId(dir.file("B.json")));
   }
 }
 

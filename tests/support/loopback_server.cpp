@@ -56,10 +56,6 @@ void LoopbackServer::start() {
   listener_->call([this] { listener_->listen(); });
 }
 
-bool LoopbackServer::isRunning() const {
-  return listener_->call([this] { return listener_->isListening(); });
-}
-
 namespace detail {
 
 LoopbackListener::LoopbackListener(const std::shared_ptr<const TestCertificates>& certificates,

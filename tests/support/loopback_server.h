@@ -57,7 +57,6 @@ class LoopbackServer {
   void stop();
   // Comes back on the same port. No effect while running.
   void start();
-  bool isRunning() const;
 
  protected:
   // Tls without certificates generates a fresh set. The subclass starts the

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "tools/demo/child_process.h"
 #include "tools/demo/client_event.h"
@@ -61,6 +62,15 @@ class DemoVerdictTest : public ::testing::Test {
     for (size_t d : {A, B, C})
       timeline.clientEvent(at, d, stopped());
   }
+  // Everyone starts, A and B find each other, lose each other after the change
+  // and stop; `between` adds events in the middle.
+  void usualRun(const std::function<void()>& between = [] {}) {
+    startAll();
+    pairFound(2.1);
+    between();
+    pairLost(20.0);
+    stopAll(36.2);
+  }
   bool passed(const std::string& what) {
     const auto c = checkNamed(timeline.verdict(), what);
     EXPECT_TRUE(c) << "no check " << what;
@@ -69,35 +79,22 @@ class DemoVerdictTest : public ::testing::Test {
 };
 
 TEST_F(DemoVerdictTest, TheExpectedRunPasses) {
-  startAll();
-  pairFound(2.1);
-  pairLost(20.0);
-  stopAll(36.2);
-  const Verdict v = timeline.verdict();
-  EXPECT_TRUE(v.passed());
-  EXPECT_TRUE(passed("A found B"));
-  EXPECT_TRUE(passed("B lost A after A's room changed"));
-  EXPECT_TRUE(passed("nobody found C, C found nobody"));
+  usualRun();
+  EXPECT_TRUE(timeline.verdict().passed());
 }
 
 TEST_F(DemoVerdictTest, FindingTheDeviceOfAnotherRoomFails) {
-  startAll();
-  pairFound(2.1);
-  timeline.clientEvent(5.0, C, found("id-a", "alice"));
-  pairLost(20.0);
-  stopAll(36.2);
+  usualRun([&] { timeline.clientEvent(5.0, C, found("id-a", "alice")); });
   EXPECT_FALSE(passed("nobody found C, C found nobody"));
   EXPECT_FALSE(timeline.verdict().passed());
 }
 
 TEST_F(DemoVerdictTest, LosingWhileStillInTheSameRoomFailsEvenWhenFoundAgain) {
-  startAll();
-  pairFound(2.1);
-  const auto lines = timeline.clientEvent(9.0, A, lost("id-b", "bob"));
-  EXPECT_TRUE(anyLineHas(lines, "unexpected: same room"));
-  timeline.clientEvent(11.0, A, found("id-b", "bob"));
-  pairLost(20.0);
-  stopAll(36.2);
+  usualRun([&] {
+    EXPECT_TRUE(
+        anyLineHas(timeline.clientEvent(9.0, A, lost("id-b", "bob")), "unexpected: same room"));
+    timeline.clientEvent(11.0, A, found("id-b", "bob"));
+  });
   EXPECT_FALSE(passed("no found or lost against the rooms"));
   EXPECT_TRUE(passed("A found B"));
 }
@@ -123,14 +120,6 @@ TEST_F(DemoVerdictTest, LossesCausedByTheRunEndingDoNotCount) {
   ASSERT_TRUE(c);
   EXPECT_FALSE(c->passed);
   EXPECT_EQ(c->detail, "still nearby when the run ended");
-}
-
-TEST_F(DemoVerdictTest, NeverFindingFails) {
-  startAll();
-  timeline.clientEvent(3.0, B, found("id-a", "alice"));
-  stopAll(36.2);
-  EXPECT_FALSE(passed("A found B"));
-  EXPECT_TRUE(passed("B found A"));
 }
 
 TEST_F(DemoVerdictTest, RoomChangeFollowsTheMoversOwnStart) {
@@ -189,38 +178,29 @@ TEST_F(DemoVerdictTest, StrangersErrorsAndMissingStartsFail) {
 }
 
 TEST_F(DemoVerdictTest, AFailedExitFails) {
-  startAll();
-  pairFound(2.1);
-  pairLost(20.0);
-  stopAll(36.2);
+  usualRun();
   timeline.clientExited(36.3, C, 1);
   EXPECT_FALSE(timeline.verdict().passed());
 }
 
 TEST(ClientEventTest, ReadsEveryEventTheSearchCommandPrints) {
-  auto e = parseClientEvent(R"({"event":"clientFound","clientId":"17","payload":"bob"})");
-  ASSERT_TRUE(e);
-  EXPECT_EQ(e->kind, ClientEvent::Kind::clientFound);
-  EXPECT_EQ(e->clientId, "17");
-  EXPECT_EQ(e->payload, "bob");
-
-  e = parseClientEvent(R"({"event":"clientLost","clientId":"17","payload":null})");
-  ASSERT_TRUE(e);
-  EXPECT_EQ(e->kind, ClientEvent::Kind::clientLost);
-  EXPECT_FALSE(e->payload);
-
-  e = parseClientEvent(R"({"event":"searchStopped","error":null})");
-  ASSERT_TRUE(e);
-  EXPECT_FALSE(e->error);
-
-  e = parseClientEvent(
-      R"({"event":"searchStopped","error":{"domain":"com.tellora.quillmark.ErrorDomain","code":3001}})");
-  ASSERT_TRUE(e);
-  EXPECT_EQ(e->error, "com.tellora.quillmark.ErrorDomain 3001");
-
-  e = parseClientEvent(R"({"event":"speedStatus","status":null})");
-  ASSERT_TRUE(e);
-  EXPECT_EQ(e->status, "unknown");
+  // value() throws, failing the test, when a line is not read at all.
+  const auto found =
+      parseClientEvent(R"({"event":"clientFound","clientId":"17","payload":"bob"})").value();
+  EXPECT_EQ(found.kind, ClientEvent::Kind::clientFound);
+  EXPECT_EQ(found.clientId, "17");
+  EXPECT_EQ(found.payload, "bob");
+  const auto lost = parseClientEvent(R"({"event":"clientLost","clientId":"17","payload":null})");
+  EXPECT_EQ(lost.value().kind, ClientEvent::Kind::clientLost);
+  EXPECT_FALSE(lost.value().payload);
+  EXPECT_FALSE(parseClientEvent(R"({"event":"searchStopped","error":null})").value().error);
+  EXPECT_EQ(
+      parseClientEvent(
+          R"({"event":"searchStopped","error":{"domain":"com.tellora.quillmark.ErrorDomain","code":3001}})")
+          .value()
+          .error,
+      "com.tellora.quillmark.ErrorDomain 3001");
+  EXPECT_EQ(parseClientEvent(R"({"event":"speedStatus","status":null})").value().status, "unknown");
 }
 
 TEST(ClientEventTest, IgnoresWhatIsNotAnEvent) {

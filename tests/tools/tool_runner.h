@@ -4,20 +4,16 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/child_process.h"
 #include "tests/tools/scratch_dir.h"
 
 namespace tellora::testtools {
 
-struct ToolRun {
-  int exitCode = -1;  // -1 when the tool did not exit normally
-  std::string out;
-  std::string err;
-};
+using ToolRun = testing::ChildRun;
+using testing::splitLines;
 
 // Runs the tool with args; stdout and stderr go to files in a scratch directory
 // so that neither pipe can fill up and stall it.
 ToolRun runTool(const std::vector<std::string>& args);
-
-std::vector<std::string> splitLines(const std::string& text);
 
 }  // namespace tellora::testtools

@@ -12,8 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "runtime/event_loop.h"
 #include "tellora/error.h"
-#include "tests/support/sdk_test.h"
+#include "tests/runtime/runtime_sandbox.h"
 #include "tests/support/ws_test_server.h"
 #include "transport/transport.h"
 
@@ -40,12 +41,21 @@ class RecordingDelegate : public TLRTransportDelegate, public testing::WatchedLi
   testing::WatchedList<std::optional<TLRError>> closeErrors;
 };
 
-class TransportTest : public testing::SdkTest {
+class TransportTest : public ::testing::Test {
  protected:
+  TransportTest() { testing::RuntimeSandbox::setDebug(true); }  // the transport's lines are debug
   void TearDown() override {
     destroyTransport();
     server_.reset();
-    SdkTest::TearDown();
+  }
+
+  template <class F>
+  static auto onLoop(F f) {
+    return EventLoop::main().call(std::move(f));
+  }
+  std::size_t logCount(const std::string& line) const { return sandbox_.countLog(line); }
+  bool waitForLog(const std::string& line, std::size_t times = 1) const {
+    return testing::waitUntil([&] { return logCount(line) >= times; });
   }
 
   // Makes the transport under test (on the loop), retrying every kRetryInterval.
@@ -80,6 +90,7 @@ class TransportTest : public testing::SdkTest {
   // Waits past a few retry intervals so that anything scheduled would have run.
   static void settle() { std::this_thread::sleep_for(kRetryInterval * 4); }
 
+  testing::RuntimeSandbox sandbox_;
   std::unique_ptr<WsTestServer> server_ = std::make_unique<WsTestServer>();
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
   std::unique_ptr<TLRTransport> transport_;

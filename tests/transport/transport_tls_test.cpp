@@ -1,13 +1,10 @@
 // wss:// against a loopback server whose certificate comes from a throw-away CA.
-#include <cstdlib>
-
 #include "tests/transport/transport_fixture.h"
 #include "transport/tls_context.h"
 
 namespace tellora::transport_test {
 namespace {
 
-using testing::TestCertificateOptions;
 using testing::TestCertificates;
 
 class TransportTlsTest : public TransportTest {
@@ -48,17 +45,6 @@ TEST_F(TransportTlsTest, TrustedCertificateCarriesTheConnectionUnderItsAddressAn
   ASSERT_TRUE(delegate_->waitFor("opened", 2));
 }
 
-TEST_F(TransportTlsTest, CaFileFromTheEnvironmentIsTrusted) {
-  useTlsServer(TestCertificates::create());
-  ASSERT_EQ(setenv("TELLORA_CA_FILE", server_->certificates()->caFile().c_str(), 1), 0);
-  makeTransport(server_->url());
-  open();
-  const bool opened = delegate_->waitFor("opened");
-  destroyTransport();
-  unsetenv("TELLORA_CA_FILE");
-  EXPECT_TRUE(opened);
-}
-
 TEST_F(TransportTlsTest, PlainClientAgainstTlsServerFailsAndRetries) {
   useTlsServer(TestCertificates::create());
   const std::string plainUrl = "ws://127.0.0.1:" + std::to_string(server_->port()) + "/ws";
@@ -82,13 +68,10 @@ class TransportBadCertificateTest : public TransportTlsTest,
 // The handshake fails, without a word to the delegate, and so does the retry.
 TEST_P(TransportBadCertificateTest, IsRefusedOnEveryAttempt) {
   const BadCertificate& bad = GetParam();
-  TestCertificateOptions options;
-  options.dnsNames = bad.dnsNames;
-  options.ipAddresses = bad.ipAddresses;
-  options.commonName = "127.0.0.1";  // the common name alone does not count
-  options.validDays = bad.validDays;
   const auto otherCa = TestCertificates::create();
-  useTlsServer(TestCertificates::create(options));
+  // The common name alone does not count.
+  useTlsServer(
+      TestCertificates::create({bad.dnsNames, bad.ipAddresses, "127.0.0.1", bad.validDays}));
   setAdditionalTrustedCaFile(
       (bad.fromTheTrustedCa ? *server_->certificates() : *otherCa).caFile().string());
   makeTransport(server_->url());

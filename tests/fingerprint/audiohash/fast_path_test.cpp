@@ -10,6 +10,7 @@
 #include "fingerprint/audiohash/reference_hash.h"
 #include "fingerprint/audiohash/test_signals.h"
 #include "tellora/audiohash.h"
+#include "tests/fingerprint/audiohash/hashed.h"
 
 namespace {
 
@@ -52,15 +53,12 @@ TEST(FastPath, AudiohashMatchesTheStraightforwardComputation) {
   for (const auto& s : signals()) {
     for (int P : {0, 5}) {
       SCOPED_TRACE(std::string(s.name) + " P=" + std::to_string(P));
-      hashres fast{}, ref{};
-      hashst st;
-      inithashst(&st);
-      ASSERT_EQ(audiohash(s.samples.data(), s.samples.size(), &fast, &st, P, s.sr), 0);
+      const tellora::testing::Hashed fast(s.samples, P, s.sr);
+      hashres ref{};
+      ASSERT_EQ(fast.status, 0);
       ASSERT_EQ(referenceAudiohash(s.samples.data(), s.samples.size(), &ref, P, s.sr), 0);
-      expectSameResult(fast, ref);
-      freehash(&fast);
+      expectSameResult(fast.res, ref);
       freehash(&ref);
-      freehashst(&st);
     }
   }
 }

@@ -16,7 +16,7 @@ namespace tellora::testing {
 struct Hashed {
   explicit Hashed(const std::vector<float>& samples, int32_t P = 0, int32_t sr = 8000) {
     inithashst(&st);
-    status = audiohash(samples.data(), static_cast<uint32_t>(samples.size()), &res, &st, P, sr);
+    status = ::audiohash(samples.data(), static_cast<uint32_t>(samples.size()), &res, &st, P, sr);
   }
   // Recorded 16-bit items, read as the hasher reads them.
   explicit Hashed(std::span<const int16_t> items) : Hashed(floats(items)) {}

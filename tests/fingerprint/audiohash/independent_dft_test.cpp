@@ -9,6 +9,7 @@
 
 #include "fingerprint/audiohash/test_signals.h"
 #include "tellora/audiohash.h"
+#include "tests/fingerprint/audiohash/hashed.h"
 
 namespace {
 
@@ -73,10 +74,9 @@ TEST(IndependentComputation, WordsAgreeWhereverTheDifferenceIsClearOfRounding) {
   for (const auto& [name, x] : signals) {
     SCOPED_TRACE(name);
     const auto E = energiesInDouble(x, 8000);
-    hashst st;
-    hashres res{};
-    inithashst(&st);
-    ASSERT_EQ(audiohash(x.data(), x.size(), &res, &st, 0, 8000), 0);
+    const tellora::testing::Hashed hashed(x);
+    ASSERT_EQ(hashed.status, 0);
+    const hashres& res = hashed.res;
     ASSERT_EQ(res.nbhashes, static_cast<int>(E.size()) - 2);
     int compared = 0;
     for (int w = 0; w < res.nbhashes; ++w) {
@@ -90,8 +90,6 @@ TEST(IndependentComputation, WordsAgreeWhereverTheDifferenceIsClearOfRounding) {
       }
     }
     EXPECT_GT(compared, res.nbhashes * 30);  // nearly every bit is decided clearly
-    freehash(&res);
-    freehashst(&st);
   }
 }
 
