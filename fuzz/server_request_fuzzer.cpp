@@ -22,13 +22,16 @@ namespace {
 
 using namespace tellora::server;
 
-// Counts what the hub sends; the frames must stay well-formed text.
+// Counts what the hub sends; the frames must stay well-formed text and never
+// name a client of another application.
 class RecordingConnection : public ClientConnection {
  public:
   void send(std::string text) override {
     if (text.empty()) __builtin_trap();
+    if (!foreign.empty() && text.find(foreign) != std::string::npos) __builtin_trap();
     ++sent;
   }
+  std::string foreign;  // a name this client must never hear
   void close(uint16_t, std::string) override { closed = true; }
   size_t sent = 0;
   bool closed = false;
@@ -51,10 +54,12 @@ void fuzzFrames(std::string_view rest) {
   double now = 1.7e12;
   Hub hub(MatcherConfig{}, [&now] { return now; });
   std::vector<std::shared_ptr<RecordingConnection>> connections;
+  // Clients 1 and 2 belong to one application, client 3 to another.
   for (ClientKey key = 1; key <= 3; ++key) {
     connections.push_back(std::make_shared<RecordingConnection>());
-    hub.attach(key, "client-" + std::to_string(key), connections.back());
+    hub.attach(key, key == 3 ? 8 : 7, "client-" + std::to_string(key), connections.back());
   }
+  connections[2]->foreign = "client-1";
   while (!rest.empty()) {
     const size_t end = rest.find('\n');
     std::string_view line = rest.substr(0, end);

@@ -53,6 +53,11 @@ void TLRMessageService::closeConnection() {
   resetMessageCounter();
 }
 
+std::optional<std::string> TLRMessageService::lastConnectionFailure() const {
+  if (!transport_) return std::nullopt;
+  return transport_->lastFailureDescription();
+}
+
 bool TLRMessageService::isConnectionOpened() const {
   return transport_->isConnectionOpened();
 }

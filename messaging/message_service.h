@@ -119,6 +119,9 @@ class TLRMessageService : public TLRTransportDelegate,
     delegate_ = std::move(delegate);
   }
   TLRTransport& transport() { return *transport_; }
+  // Why the most recent attempt to open the connection failed (see
+  // TLRTransport::lastFailureDescription); nullopt when none.
+  std::optional<std::string> lastConnectionFailure() const;
   const MessageList& sendedMessages() const { return sendedMessages_; }
   // Lists `message` as sent and unanswered without handing it to the transport,
   // so that replies can be driven without a connection. Internal; for tests and

@@ -111,6 +111,7 @@ class TLRTransport::Impl final : public WebSocketSessionDelegate,
   void webSocketDidOpen(WebSocketSession&) override {
     if (shutDown) return;
     connectionAttempCounter = 0;
+    lastFailureDescription.reset();
     if (connectedBlock) {
       // Taken out first: the block may register a new one.
       auto block = std::move(connectedBlock);
@@ -127,7 +128,8 @@ class TLRTransport::Impl final : public WebSocketSessionDelegate,
   }
 
   // The session stays in `ws` after a close: the next attempt replaces it.
-  // There is no retry after a close; that is the owner's decision.
+  // There is no retry after a close (the server ended the connection, or our
+  // side asked for it); that is the owner's decision.
   void webSocketDidClose(WebSocketSession&, uint16_t code, const std::string&, bool) override {
     if (shutDown) return;
     std::optional<TLRError> error;
@@ -135,8 +137,18 @@ class TLRTransport::Impl final : public WebSocketSessionDelegate,
     if (auto target = delegate.lock()) target->connectionClosedWithError(error);
   }
 
+  // An attempt that could not open, or an open connection that broke without
+  // the server ending it (a reset, as when the network changes): either way
+  // retried while wanted, without a word to the delegate.
   void webSocketDidFail(WebSocketSession&, const TLRError& error) override {
     if (shutDown) return;
+    if (!error.userInfo.contains(kFailureWhileOpenKey)) {
+      auto found = error.userInfo.find(kFailureDescriptionKey);
+      if (found != error.userInfo.end()) {
+        if (const auto* text = std::get_if<std::string>(&found->second))
+          lastFailureDescription = *text;
+      }
+    }
     const std::optional<int64_t> status = refusalStatus(error);
     if (debugEnabled()) {
       debugf("didFailWithError: %s", status ? std::to_string(*status).c_str() : "(null)");
@@ -172,6 +184,7 @@ class TLRTransport::Impl final : public WebSocketSessionDelegate,
   const std::string clientSecret;
   std::function<void()> connectedBlock;
   std::chrono::milliseconds retryInterval = kDefaultRetryInterval;
+  std::optional<std::string> lastFailureDescription;
   bool shutDown = false;
 
  private:
@@ -242,6 +255,10 @@ const std::string& TLRTransport::clientSecret() const {
 int64_t TLRTransport::needSetConnectionState() const {
   return impl_->needSetConnectionState;
 }
+std::optional<std::string> TLRTransport::lastFailureDescription() const {
+  return impl_->lastFailureDescription;
+}
+
 uint64_t TLRTransport::connectionAttempCounter() const {
   return impl_->connectionAttempCounter;
 }

@@ -20,8 +20,12 @@ class TLRTransportDelegate {
  public:
   virtual ~TLRTransportDelegate() = default;
   virtual void connectionOpened() = 0;
-  // The connection closed or could not be opened. The error is set for the
-  // server's refusals (801, 802) and close codes 3001 and 3002.
+  // The server ended the connection (its close frame, the end of the stream,
+  // or a protocol violation of its own), our close() took effect, or an attempt
+  // was refused with 801/802 (the retry goes on). The error is set for the
+  // refusals and for close codes 3001 and 3002. A connection that could not be
+  // opened, or an open one that broke (reset, write error), is not reported:
+  // it is retried while wanted.
   virtual void connectionClosedWithError(const std::optional<TLRError>& error) = 0;
   // One inbound message, unchanged: the text of a text frame (a binary
   // frame's bytes are passed the same way).
@@ -44,8 +48,9 @@ class TLRTransport {
   TLRTransport& operator=(const TLRTransport&) = delete;
 
   bool isConnectionOpened() const;
-  // Wants the connection open and makes an attempt. Failed attempts are
-  // retried while wanted; only refusals 801/802 are reported on the way.
+  // Wants the connection open and makes an attempt. Failed attempts, and an
+  // open connection that breaks, are retried while wanted; only refusals
+  // 801/802 are reported on the way.
   void open();
   // `block` (when not null) runs once at the next successful open, before
   // connectionOpened.
@@ -66,6 +71,11 @@ class TLRTransport {
   const std::string& clientID() const;
   const std::string& clientSecret() const;
   int64_t needSetConnectionState() const;
+  // Why the most recent opening attempt failed, e.g. "connect: Connection
+  // refused", "upgrade: HTTP status 404", "tls handshake: certificate verify
+  // failed (certificate has expired)"; nullopt before any failure and after a
+  // successful open.
+  std::optional<std::string> lastFailureDescription() const;
 
   // Opening attempts since the last successful open. Internal; for tests.
   uint64_t connectionAttempCounter() const;

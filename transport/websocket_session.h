@@ -30,15 +30,23 @@ class WebSocketSessionDelegate {
   // The open connection ended (or a close was asked for before it opened).
   virtual void webSocketDidClose(WebSocketSession& session, uint16_t code,
                                  const std::string& reason, bool wasClean) = 0;
-  // The connection could not be opened.
+  // The connection could not be opened, or the open connection broke (reset,
+  // write error, time-out) without the server ending it.
   virtual void webSocketDidFail(WebSocketSession& session, const TLRError& error) = 0;
 };
 
-// User-info key of a failure's error holding the HTTP status of a refused upgrade.
+// User-info keys of a failure's error: the HTTP status of a refused upgrade; a
+// short readable account ("connect: Connection refused"); true when the
+// connection had been open.
 inline constexpr const char* kHTTPResponseStatusCodeKey = "HTTPResponseStatusCode";
+inline constexpr const char* kFailureDescriptionKey = "description";
+inline constexpr const char* kFailureWhileOpenKey = "whileOpen";
 
-// Close codes the session reports for endings without a close frame from the server.
+// Close codes the session reports for endings without a close frame from the
+// server: the end of the stream, and the server's protocol violations.
 inline constexpr uint16_t kCloseCodeAbnormal = 1006;
+inline constexpr uint16_t kCloseCodeProtocolError = 1002;
+inline constexpr uint16_t kCloseCodeInvalidPayload = 1007;
 inline constexpr uint16_t kCloseCodeTooBig = 1009;
 
 // What a session connects to: a ws:// or wss:// URL and the extra header
@@ -68,7 +76,8 @@ class WebSocketSession {
   // Starts the one connection attempt; later calls do nothing.
   virtual void open() = 0;
   // Closes with code 1000 after the frames already queued; a connection still
-  // being opened is abandoned. Either way the delegate hears of the close.
+  // being opened is abandoned. Either way the delegate hears of the close, at
+  // the latest when the closing handshake times out.
   virtual void close() = 0;
   // Queues one binary frame; only while open.
   virtual void send(std::string bytes) = 0;

@@ -53,6 +53,8 @@ class WsConnectionBase : public LoopbackConnection {
  public:
   virtual bool isOpen() const = 0;
   virtual void enqueue(Outgoing outgoing) = 0;
+  // Ends the byte stream (a FIN) without a close frame.
+  virtual void endStream() = 0;
 };
 
 // One client connection: optional TLS handshake, the HTTP upgrade request
@@ -85,6 +87,11 @@ class WsConnection : public WsConnectionBase,
     if (!open_) return;
     outbox_.push_back(std::move(outgoing));
     if (!writing_) writeNext();
+  }
+
+  void endStream() override {
+    beast::error_code ignored;
+    beast::get_lowest_layer(ws_).socket().shutdown(tcp::socket::shutdown_send, ignored);
   }
 
   void drop() override {
@@ -296,6 +303,18 @@ std::size_t WsTestServer::dropConnections() {
     for (const auto& connection : listener_->connections<WsConnectionBase>()) {
       if (!connection->isOpen()) continue;
       connection->drop();
+      ++count;
+    }
+    return count;
+  });
+}
+
+std::size_t WsTestServer::endStreams() {
+  return listener_->call([this] {
+    std::size_t count = 0;
+    for (const auto& connection : listener_->connections<WsConnectionBase>()) {
+      if (!connection->isOpen()) continue;
+      connection->endStream();
       ++count;
     }
     return count;

@@ -1,7 +1,7 @@
 // A loopback WebSocket server for tests (Boost.Beast), ws:// or wss://. It
 // records every upgrade request and every frame a client sends, answers frames
 // through a scriptable handler, and misbehaves on request: refuses upgrades
-// with an HTTP status, closes with a close code, drops the TCP connection.
+// with an HTTP status, closes with a close code, ends or drops the TCP connection.
 //
 //   tellora::testing::WsTestServer server;                // plain ws://, already listening
 //   server.setHandler([](const WsFrame& frame) {          // runs on the server thread
@@ -81,6 +81,8 @@ class WsTestServer : public LoggingLoopbackServer<WsServerLog> {
   std::size_t closeConnections(uint16_t code, std::string reason = {});
   // Resets every open connection at the TCP level (no close frame).
   std::size_t dropConnections();
+  // Ends the byte stream of every open connection (a FIN, no close frame).
+  std::size_t endStreams();
 
   void clearLog();
   bool waitForFrames(std::size_t count, std::chrono::milliseconds timeout = kDefaultWait) const {

@@ -46,6 +46,7 @@ class TransportTest : public ::testing::Test {
   TransportTest() { testing::RuntimeSandbox::setDebug(true); }  // the transport's lines are debug
   void TearDown() override {
     destroyTransport();
+    EventLoop::main().drain();  // a burst of keepSending() queued meanwhile has run
     server_.reset();
   }
 
@@ -87,8 +88,24 @@ class TransportTest : public ::testing::Test {
   void destroyTransport() {
     onLoop([this] { transport_.reset(); });
   }
+  std::optional<std::string> lastFailure() {
+    return onLoop([this] { return transport_->lastFailureDescription(); });
+  }
+  // Keeps the client writing while the connection is open: a burst of frames
+  // on every loop turn, `frames` in all, so that whatever the server does
+  // meets writes in flight.
+  void keepSending(int frames = 2000) {
+    onLoop([this, frames] { sendBurst(std::make_shared<int>(frames)); });
+  }
   // Waits past a few retry intervals so that anything scheduled would have run.
   static void settle() { std::this_thread::sleep_for(kRetryInterval * 4); }
+
+  void sendBurst(std::shared_ptr<int> left) {
+    if (!transport_ || !transport_->isConnectionOpened()) return;
+    for (int i = 0; i < 8 && *left > 0; ++i, --*left)
+      transport_->sendMessage(std::string(8192, 'f'));
+    if (*left > 0) EventLoop::main().post([this, left] { sendBurst(left); });
+  }
 
   testing::RuntimeSandbox sandbox_;
   std::unique_ptr<WsTestServer> server_ = std::make_unique<WsTestServer>();

@@ -56,6 +56,7 @@ TEST_F(TransportTlsTest, PlainClientAgainstTlsServerFailsAndRetries) {
 
 struct BadCertificate {
   const char* name;
+  const char* verifyReason;  // OpenSSL's, as the failure's description carries it
   bool fromTheTrustedCa;
   std::vector<std::string> dnsNames{"localhost"};
   std::vector<std::string> ipAddresses{"127.0.0.1"};
@@ -82,13 +83,18 @@ TEST_P(TransportBadCertificateTest, IsRefusedOnEveryAttempt) {
   EXPECT_TRUE(server_->log().upgrades.empty());
   EXPECT_TRUE(delegate_->get().empty());
   EXPECT_FALSE(isOpen());
+  EXPECT_EQ(lastFailure(),
+            std::string("tls handshake: certificate verify failed (") + bad.verifyReason + ")");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Certificates, TransportBadCertificateTest,
-    ::testing::Values(BadCertificate{"FromAnUntrustedCa", false},
-                      BadCertificate{"ForAnotherHost", true, {"elsewhere.invalid"}, {"127.0.0.2"}},
-                      BadCertificate{"Expired", true, {"localhost"}, {"127.0.0.1"}, -1}),
+    ::testing::Values(
+        BadCertificate{"FromAnUntrustedCa", "self-signed certificate in certificate chain", false},
+        BadCertificate{
+            "ForAnotherHost", "IP address mismatch", true, {"elsewhere.invalid"}, {"127.0.0.2"}},
+        BadCertificate{
+            "Expired", "certificate has expired", true, {"localhost"}, {"127.0.0.1"}, -1}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
