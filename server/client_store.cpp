@@ -65,8 +65,8 @@ ClientStore::ClientStore(const std::string& path) {
                          "registered_ms) VALUES (?, ?, ?, ?, ?)",
                          -1, &insert_, nullptr) != SQLITE_OK)
     fail("prepare insert");
-  if (sqlite3_prepare_v2(db_, "SELECT key, secret_sha256 FROM clients WHERE client_id = ?", -1,
-                         &lookup_, nullptr) != SQLITE_OK)
+  if (sqlite3_prepare_v2(db_, "SELECT key, secret_sha256, app_id FROM clients WHERE client_id = ?",
+                         -1, &lookup_, nullptr) != SQLITE_OK)
     fail("prepare lookup");
 }
 
@@ -112,7 +112,7 @@ ClientStore::Authentication ClientStore::authenticate(std::string_view clientId,
     return {Verdict::wrongSecret};
   std::memcpy(stored.data(), blob, stored.size());
   if (!sameDigest(stored, sha256(clientSecret))) return {Verdict::wrongSecret};
-  return {Verdict::accepted, key};
+  return {Verdict::accepted, key, sqlite3_column_int64(lookup_, 2)};
 }
 
 }  // namespace tellora::server

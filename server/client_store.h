@@ -39,6 +39,7 @@ class ClientStore {
   struct Authentication {
     Verdict verdict = Verdict::unknownClient;
     ClientKey key = 0;  // when accepted
+    int64_t appId = 0;  // the application the client registered with, when accepted
   };
   // Whether `clientId` exists and `clientSecret` is its secret.
   Authentication authenticate(std::string_view clientId, std::string_view clientSecret) const;

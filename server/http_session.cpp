@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "runtime/log.h"
 #include "server/json_input.h"
@@ -32,10 +33,7 @@ using tcp = net::ip::tcp;
 constexpr unsigned kStatusUnknownClient = 802;
 constexpr std::size_t kHeaderLimit = 16 << 10;
 
-std::string describePeer(const tcp::socket& socket) {
-  beast::error_code ec;
-  const auto endpoint = socket.remote_endpoint(ec);
-  if (ec) return "?";
+std::string describePeer(const tcp::endpoint& endpoint) {
   return endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
 }
 
@@ -69,13 +67,21 @@ class HttpSession : public ManagedConnection,
  public:
   static constexpr bool kTls = std::is_same_v<Stream, TlsStream>;
 
-  HttpSession(Stream stream, std::string peer, ServerContext& context)
-      : stream_(std::move(stream)), peer_(std::move(peer)), context_(context) {}
+  HttpSession(Stream stream, const tcp::endpoint& peer, uint64_t slot, ServerContext& context)
+      : stream_(std::move(stream)),
+        address_(peer.address()),
+        peer_(describePeer(peer)),
+        slot_(slot),
+        context_(context) {}
 
-  ~HttpSession() override { context_.registry.remove(registryId_); }
+  ~HttpSession() override {
+    context_.registry.remove(registryId_);
+    context_.addressLimits.release(slot_);
+  }
 
   void start() {
     registryId_ = context_.registry.add(this->weak_from_this());
+    context_.addressLimits.bind(slot_, this->weak_from_this());
     if constexpr (kTls) {
       lowest().expires_after(context_.options.limits.httpTimeout);
       stream_.async_handshake(
@@ -117,6 +123,7 @@ class HttpSession : public ManagedConnection,
     if (ec && ec.category() == http::make_error_code(http::error::bad_target).category())
       return respond(400, "not an HTTP/1.1 request", false);
     if (ec) return;  // timed out or reset
+    context_.addressLimits.handshakeDone(slot_);
     UpgradeRequest request = parser_->release();
     if (websocket::is_upgrade(request)) return upgrade(std::move(request));
     const std::string_view path = pathOf(request.target());
@@ -130,11 +137,20 @@ class HttpSession : public ManagedConnection,
   }
 
   void registration(const UpgradeRequest& request) {
+    if (const auto wait = context_.addressLimits.takeRegistration(address_)) {
+      context_.limitLogs.registrations.hit(peer_);
+      return respond(429, "too many registrations from this address", false, false,
+                     static_cast<unsigned>(wait->count()));
+    }
     const auto issue = [this](const RegistrationRequest& r) {
       return context_.store.issue(r.appId, dumpJson(r.device));
     };
-    RegistrationReply reply = handleRegistration(request.body(), context_.options.apps, issue);
-    logf("%s from %s", reply.logLine.c_str(), peer_.c_str());
+    RegistrationReply reply = handleRegistration(request.body(), context_.options.apps, issue,
+                                                 context_.options.limits.maxDeviceBytes);
+    if (reply.status == 413)
+      context_.limitLogs.devices.hit(peer_);
+    else
+      logf("%s from %s", reply.logLine.c_str(), peer_.c_str());
     respond(reply.status, std::move(reply.body), request.keep_alive(), true);
   }
 
@@ -149,13 +165,16 @@ class HttpSession : public ManagedConnection,
            unknown ? "unknown client" : "wrong secret for client", forLog(clientId).c_str());
       return respond(kStatusUnknownClient, "unknown client or wrong secret", false);
     }
-    SessionClient client{found.key, clientId, forLog(request["app_version"]), peer_};
+    SessionClient client{found.key, found.appId,
+                         clientId,  forLog(request["app_version"]),
+                         peer_,     std::exchange(slot_, 0)};
     lowest().expires_never();
     startWsSession(std::move(stream_), std::move(request), std::move(client), context_);
   }
 
   // Bodies are JSON: `body` as it is when `isJson`, else {"error": body}.
-  void respond(unsigned status, std::string body, bool keepAlive, bool isJson = false) {
+  void respond(unsigned status, std::string body, bool keepAlive, bool isJson = false,
+               unsigned retryAfterSeconds = 0) {
     auto response = std::make_shared<http::response<http::string_body>>();
     response->result(status);
     response->reason(reasonFor(status));
@@ -163,6 +182,8 @@ class HttpSession : public ManagedConnection,
     response->set(http::field::server, kServerName);
     response->set(http::field::content_type, "application/json");
     if (status == 405) response->set(http::field::allow, "POST");
+    if (retryAfterSeconds != 0)
+      response->set(http::field::retry_after, std::to_string(retryAfterSeconds));
     response->keep_alive(keepAlive);
     response->body() = isJson ? std::move(body) : dumpJson({{"error", body}});
     response->prepare_payload();
@@ -188,7 +209,9 @@ class HttpSession : public ManagedConnection,
   }
 
   Stream stream_;
+  boost::asio::ip::address address_;
   std::string peer_;
+  uint64_t slot_ = 0;  // the connection's count in the address limits
   ServerContext& context_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
@@ -197,15 +220,14 @@ class HttpSession : public ManagedConnection,
 
 }  // namespace
 
-void startHttpSession(tcp::socket socket, ServerContext& context) {
-  std::string peer = describePeer(socket);
+void startHttpSession(tcp::socket socket, const tcp::endpoint& peer, uint64_t slot,
+                      ServerContext& context) {
   if (context.tls) {
-    std::make_shared<HttpSession<TlsStream>>(TlsStream(std::move(socket), *context.tls),
-                                             std::move(peer), context)
+    std::make_shared<HttpSession<TlsStream>>(TlsStream(std::move(socket), *context.tls), peer, slot,
+                                             context)
         ->start();
   } else {
-    std::make_shared<HttpSession<PlainStream>>(PlainStream(std::move(socket)), std::move(peer),
-                                               context)
+    std::make_shared<HttpSession<PlainStream>>(PlainStream(std::move(socket)), peer, slot, context)
         ->start();
   }
 }

@@ -6,10 +6,15 @@
 
 #include <boost/asio/ip/tcp.hpp>
 
+#include <cstdint>
+
 namespace tellora::server {
 
 struct ServerContext;
 
-void startHttpSession(boost::asio::ip::tcp::socket socket, ServerContext& context);
+// `slot` is the connection's count in the address limits; the sessions release it.
+void startHttpSession(boost::asio::ip::tcp::socket socket,
+                      const boost::asio::ip::tcp::endpoint& peer, uint64_t slot,
+                      ServerContext& context);
 
 }  // namespace tellora::server

@@ -13,9 +13,9 @@ double serverClockMs() {
   return duration<double, std::milli>(system_clock::now().time_since_epoch()).count();
 }
 
-Hub::Hub(MatcherConfig config, Clock clock) : matcher_(config), clock_(std::move(clock)) {}
+Hub::Hub(MatcherConfig config, Clock clock) : config_(config), clock_(std::move(clock)) {}
 
-void Hub::attach(ClientKey client, const std::string& clientId,
+void Hub::attach(ClientKey client, int64_t app, const std::string& clientId,
                  const std::shared_ptr<ClientConnection>& connection) {
   if (auto it = clients_.find(client); it != clients_.end()) {
     logf("client %s: replaced by a newer connection, closing the older one with %u",
@@ -25,6 +25,8 @@ void Hub::attach(ClientKey client, const std::string& clientId,
     forget(client);
   }
   Client& state = clients_[client];
+  state.app = app;
+  ++apps_.try_emplace(app, config_).first->second.clients;
   state.clientId = clientId;
   state.connection = connection;
   state.session = connection.get();
@@ -46,14 +48,18 @@ void Hub::receive(ClientKey client, const ClientConnection* connection, std::str
     } else if (auto* payload = std::get_if<PayloadChange>(&*handled.change)) {
       state->payload = std::move(payload->payload);
     } else if (auto* fingerprint = std::get_if<FingerprintAdded>(&*handled.change)) {
-      matcher_.addFingerprint(client, fingerprint->words, fingerprint->stimeMs, context.nowMs);
+      matcherOf(*state).addFingerprint(client, fingerprint->words, fingerprint->stimeMs,
+                                       context.nowMs);
     }
   }
   if (handled.reply) send(*state, std::move(*handled.reply));
 }
 
 void Hub::tick() {
-  handleEvents(matcher_.advance(clock_()));
+  const double now = clock_();
+  // Pushing never calls back into the hub, so no application comes or goes here.
+  for (auto& [id, app] : apps_)
+    handleEvents(app.matcher.advance(now));
 }
 
 Hub::Client* Hub::current(ClientKey client, const ClientConnection* connection) {
@@ -65,11 +71,12 @@ Hub::Client* Hub::current(ClientKey client, const ClientConnection* connection) 
 void Hub::apply(ClientKey client, ModeChange change) {
   const bool searching = change.mode == kSearchMode;
   const double now = clock_();
-  matcher_.setSearching(client, searching, now);
+  Matcher& matcher = matcherOf(clients_.at(client));
+  matcher.setSearching(client, searching, now);
   if (searching) return;
   // Leaving the search ends its pairs now, not at the next tick, so that a
   // quick return to searching starts from a clean slate on both sides.
-  handleEvents(matcher_.advance(now));
+  handleEvents(matcher.advance(now));
   dropPairs(client);
 }
 
@@ -98,6 +105,7 @@ void Hub::handleEvents(std::vector<MatchEvent> events) {
 void Hub::pairFound(ClientKey a, ClientKey b) {
   auto ia = clients_.find(a), ib = clients_.find(b);
   if (a == b || ia == clients_.end() || ib == clients_.end()) return;
+  if (ia->second.app != ib->second.app) return;
   if (!ia->second.nearby.insert(b).second) return;
   ib->second.nearby.insert(a);
   logf("clients %s and %s are nearby", ia->second.clientId.c_str(), ib->second.clientId.c_str());
@@ -132,8 +140,15 @@ void Hub::forget(ClientKey client) {
   // Its partners hear at once that the client is gone; the lost events the
   // matcher queues for these pairs then find nothing left to tell.
   dropPairs(client);
-  matcher_.removeClient(client, clock_());
-  clients_.erase(client);
+  const auto it = clients_.find(client);
+  if (it == clients_.end()) return;
+  const auto app = apps_.find(it->second.app);
+  clients_.erase(it);
+  if (app == apps_.end()) return;
+  // The lost events this queues find nothing left to tell, and the last
+  // client of an application takes its matcher with it.
+  app->second.matcher.removeClient(client, clock_());
+  if (--app->second.clients == 0) apps_.erase(app);
 }
 
 }  // namespace tellora::server

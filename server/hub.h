@@ -1,6 +1,8 @@
 // The connected clients and their matching: which session speaks for which
 // client, their payloads, the matcher fed with their fingerprints, and the
-// found/lost pushes it leads to. Runs on the server's one thread and knows
+// found/lost pushes it leads to. Each application has a matcher of its own:
+// clients of different applications never meet, and the work of one
+// application does not grow with the clients of another. Runs on the server's one thread and knows
 // nothing of sockets, so tests can drive it with fake connections and a fake
 // clock.
 #pragma once
@@ -44,9 +46,10 @@ class Hub {
   using Clock = std::function<double()>;
   explicit Hub(MatcherConfig config = {}, Clock clock = serverClockMs);
 
-  // A session of `client` is open. An older session of the same client is
-  // closed with 3001 and its state (mode, payload, pairs) ends with it.
-  void attach(ClientKey client, const std::string& clientId,
+  // A session of `client`, registered with application `app`, is open. An
+  // older session of the same client is closed with 3001 and its state (mode,
+  // payload, pairs) ends with it.
+  void attach(ClientKey client, int64_t app, const std::string& clientId,
               const std::shared_ptr<ClientConnection>& connection);
   // The session has ended. Its nearby clients hear that it is lost. A session
   // already replaced by a newer one changes nothing.
@@ -58,11 +61,14 @@ class Hub {
   void tick();
 
   std::size_t clientCount() const { return clients_.size(); }
+  // Applications with connected clients.
+  std::size_t applicationCount() const { return apps_.size(); }
   // Frames not used (malformed, or fingerprints outside the time window).
   uint64_t ignoredFrames() const { return ignoredFrames_; }
 
  private:
   struct Client {
+    int64_t app = 0;
     std::string clientId;
     std::weak_ptr<ClientConnection> connection;
     const ClientConnection* session = nullptr;  // identity of the current session
@@ -81,8 +87,17 @@ class Hub {
   void send(const Client& client, std::string text);
   void forget(ClientKey client);
 
-  Matcher matcher_;
+  // The matcher of one application, kept while it has clients.
+  struct App {
+    explicit App(const MatcherConfig& config) : matcher(config) {}
+    Matcher matcher;
+    std::size_t clients = 0;
+  };
+  Matcher& matcherOf(const Client& client) { return apps_.at(client.app).matcher; }
+
+  MatcherConfig config_;
   Clock clock_;
+  std::unordered_map<int64_t, App> apps_;
   std::unordered_map<ClientKey, Client> clients_;
   uint64_t ignoredFrames_ = 0;
 };

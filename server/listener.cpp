@@ -48,8 +48,16 @@ void Listener::onAccept(boost::system::error_code ec, tcp::socket socket) {
     });
     return;
   }
-  if (server_.registry.size() >= server_.options.limits.maxConnections) {
-    noteRefusal();
+  boost::system::error_code peerError;
+  const auto peer = socket.remote_endpoint(peerError);
+  AddressLimits::Refusal why = AddressLimits::Refusal::none;
+  const uint64_t displacedBefore = server_.addressLimits.displaced();
+  const uint64_t slot = peerError ? 0 : server_.addressLimits.admit(peer.address(), &why);
+  if (server_.addressLimits.displaced() != displacedBefore)
+    server_.limitLogs.displaced.hit(peer.address().to_string());
+  if (slot == 0) {
+    // Closed before anything is read: a refused peer costs no more than the accept.
+    if (!peerError) noteRefusal(peer.address().to_string(), why);
     boost::system::error_code ignored;
     socket.close(ignored);
   } else {
@@ -57,19 +65,26 @@ void Listener::onAccept(boost::system::error_code ec, tcp::socket socket) {
       boost::system::error_code ignored;
       socket.set_option(net::socket_base::send_buffer_size(bytes), ignored);
     }
-    startHttpSession(std::move(socket), server_);
+    startHttpSession(std::move(socket), peer, slot, server_);
   }
   accept();
 }
 
-void Listener::noteRefusal() {
-  ++refusedSinceLog_;
-  const auto now = std::chrono::steady_clock::now();
-  if (now - lastRefusalLog_ < std::chrono::seconds(1)) return;
-  logf("connection cap of %zu reached: %llu connections turned away",
-       server_.options.limits.maxConnections, static_cast<unsigned long long>(refusedSinceLog_));
-  refusedSinceLog_ = 0;
-  lastRefusalLog_ = now;
+void Listener::noteRefusal(const std::string& address, AddressLimits::Refusal why) {
+  const auto& shares = server_.addressLimits.settings();
+  std::string detail = address + ": ";
+  switch (why) {
+    case AddressLimits::Refusal::addressShare:
+      detail += "holds " + std::to_string(shares.perAddress) + " connections";
+      break;
+    case AddressLimits::Refusal::pendingShare:
+      detail += "holds " + std::to_string(shares.pendingPerAddress) + " connections in handshake";
+      break;
+    default:
+      detail += "server holds " + std::to_string(shares.maxConnections) + " connections";
+      break;
+  }
+  server_.limitLogs.connections.hit(detail);
 }
 
 }  // namespace tellora::server

@@ -1,4 +1,5 @@
-// Accepts connections and hands them to HTTP sessions, up to the connection cap.
+// Accepts connections and hands them to HTTP sessions, within the connection
+// cap and the shares of each peer address.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -8,6 +9,9 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <string>
+
+#include "server/address_limits.h"
 
 namespace tellora::server {
 
@@ -25,16 +29,13 @@ class Listener : public std::enable_shared_from_this<Listener> {
  private:
   void accept();
   void onAccept(boost::system::error_code ec, boost::asio::ip::tcp::socket socket);
-  // At most one line a second while the cap turns connections away.
-  void noteRefusal();
+  void noteRefusal(const std::string& address, AddressLimits::Refusal why);
 
   ServerContext& server_;
   boost::asio::ip::tcp::acceptor acceptor_;
   boost::asio::steady_timer retry_;
   uint16_t port_ = 0;
   bool stopped_ = false;
-  uint64_t refusedSinceLog_ = 0;
-  std::chrono::steady_clock::time_point lastRefusalLog_{};
 };
 
 }  // namespace tellora::server

@@ -68,11 +68,14 @@ std::optional<AppCredential> parseAppCredential(std::string_view text) {
 }
 
 RegistrationReply handleRegistration(std::string_view body, std::span<const AppCredential> apps,
-                                     const IdentityIssuer& issue) {
+                                     const IdentityIssuer& issue, std::size_t maxDeviceBytes) {
   try {
     auto parsed = parse(body);
     if (auto* reply = std::get_if<RegistrationReply>(&parsed)) return std::move(*reply);
     const auto& request = std::get<RegistrationRequest>(parsed);
+    // Measured as it is stored: the issuer keeps the record's JSON text.
+    if (dumpJson(request.device).size() > maxDeviceBytes)
+      return refuse(413, "the device record exceeds " + std::to_string(maxDeviceBytes) + " bytes");
     if (!admitted(apps, request.appId, request.appSecret))
       return refuse(kStatusUnknownApplication,
                     "unknown application " + std::to_string(request.appId) + " or wrong secret");

@@ -2,6 +2,7 @@
 // an HTTP status and reply body out.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -42,11 +43,16 @@ struct RegistrationReply {
 // Issues an identity for an admitted request; nullopt when it cannot.
 using IdentityIssuer = std::function<std::optional<IssuedIdentity>(const RegistrationRequest&)>;
 
+// The device record kept with each identity is at most this long by default.
+constexpr std::size_t kDefaultMaxDeviceBytes = 4 << 10;
+
 // Body {"device": {...}, "app": {"id": integer, "secretKey": text}}. With an
 // empty `apps` any application is admitted. Replies 200 {"clientId",
-// "clientSecret"}, 400 for a malformed body, 801 for an application not
-// admitted, 500 when no identity could be issued. Never throws.
+// "clientSecret"}, 400 for a malformed body, 413 for a device record whose
+// JSON text exceeds `maxDeviceBytes`, 801 for an application not admitted,
+// 500 when no identity could be issued. Never throws.
 RegistrationReply handleRegistration(std::string_view body, std::span<const AppCredential> apps,
-                                     const IdentityIssuer& issue);
+                                     const IdentityIssuer& issue,
+                                     std::size_t maxDeviceBytes = kDefaultMaxDeviceBytes);
 
 }  // namespace tellora::server

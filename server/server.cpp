@@ -24,6 +24,12 @@ namespace ssl = net::ssl;
 
 namespace {
 
+const ServerOptions& checked(const ServerOptions& options) {
+  if (options.limits.maxBodyBytes < options.limits.maxDeviceBytes)
+    throw std::invalid_argument("the body limit is below the device record limit");
+  return options;
+}
+
 std::optional<ssl::context> makeTlsContext(const ServerOptions& options) {
   const bool certificate = !options.tlsCertificateChainFile.empty();
   const bool key = !options.tlsPrivateKeyFile.empty();
@@ -47,10 +53,11 @@ std::optional<ssl::context> makeTlsContext(const ServerOptions& options) {
 class Server::Core {
  public:
   explicit Core(ServerOptions o)
-      : options(std::move(o)),
+      : options(checked(o)),
         tls(makeTlsContext(options)),
         store(options.databasePath),
-        context{options, store, hub, registry, tls ? &*tls : nullptr},
+        addressLimits(AddressLimits::from(options.limits)),
+        context{options, store, hub, registry, addressLimits, limitLogs, tls ? &*tls : nullptr},
         io(1),
         tick(io),
         stopTimer(io) {
@@ -105,6 +112,8 @@ class Server::Core {
   ClientStore store;
   Hub hub;
   ConnectionRegistry registry;
+  AddressLimits addressLimits;
+  LimitLogs limitLogs;
   ServerContext context;
   net::io_context io;
   std::shared_ptr<Listener> listener;

@@ -4,9 +4,11 @@
 
 #include <boost/asio/ssl/context.hpp>
 
+#include "server/address_limits.h"
 #include "server/client_store.h"
 #include "server/connection_registry.h"
 #include "server/hub.h"
+#include "server/limit_log.h"
 #include "server/server_options.h"
 
 namespace tellora::server {
@@ -16,6 +18,8 @@ struct ServerContext {
   ClientStore& store;
   Hub& hub;
   ConnectionRegistry& registry;
+  AddressLimits& addressLimits;
+  LimitLogs& limitLogs;
   boost::asio::ssl::context* tls = nullptr;  // null: plain http:// and ws://
 };
 

@@ -27,7 +27,12 @@ struct ServerLimits {
   // After a stop, sessions get this long to finish their closing handshakes.
   std::chrono::milliseconds shutdownGrace{2'000};
   std::size_t maxFrameBytes = 1 << 20;  // a larger inbound frame closes the session
-  std::size_t maxBodyBytes = 64 << 10;  // registration request body
+  // Registration request body; it holds the device record and the
+  // application's credentials, so it must not be below maxDeviceBytes.
+  std::size_t maxBodyBytes = 8 << 10;
+  // The device record stored with each identity (its JSON text); larger is 413.
+  // Six short strings take a few hundred bytes.
+  std::size_t maxDeviceBytes = kDefaultMaxDeviceBytes;
   // A session whose unsent frames exceed either bound is dropped: a client
   // that does not read must not grow the server's memory.
   std::size_t maxQueuedFrames = 1024;
@@ -38,6 +43,18 @@ struct ServerLimits {
   int socketSendBufferBytes = 0;
   // Connections (HTTP and WebSocket) open at once; more are closed on accept.
   std::size_t maxConnections = 4096;
+  // Of those, one peer address (an IPv6 /64) may hold this many; 0 picks
+  // max(8, maxConnections / 16). More are closed on accept.
+  std::size_t maxConnectionsPerAddress = 0;
+  // ...and this many that have not yet sent their first request (TLS
+  // handshake included); 0 picks max(4, the address share / 4).
+  std::size_t maxPendingPerAddress = 0;
+  // Registrations per peer address: a token bucket. A device registers once
+  // per installation, so even many devices behind one carrier NAT stay far
+  // below this, while a script is held to ~86 000 identities a day instead
+  // of thousands a second. Beyond it: 429 with Retry-After.
+  double registrationBurst = 20;
+  double registrationsPerSecond = 1;
 };
 
 struct ServerOptions {

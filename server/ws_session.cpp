@@ -10,6 +10,7 @@
 #include <deque>
 #include <exception>
 #include <memory>
+#include <utility>
 
 #include "runtime/log.h"
 #include "server/server_context.h"
@@ -38,6 +39,7 @@ class WsSession : public ClientConnection,
   // on a context that is shutting down.
   ~WsSession() override {
     if (registryId_ != 0) context_.registry.remove(registryId_);
+    context_.addressLimits.release(client_.addressSlot);
   }
 
   void start(UpgradeRequest upgrade) {
@@ -103,7 +105,7 @@ class WsSession : public ClientConnection,
     open_ = true;
     logf("client %s connected from %s (app_version \"%s\")", client_.clientId.c_str(),
          client_.peer.c_str(), client_.appVersion.c_str());
-    context_.hub.attach(client_.key, client_.clientId, this->shared_from_this());
+    context_.hub.attach(client_.key, client_.appId, client_.clientId, this->shared_from_this());
     read();
   }
 
@@ -185,6 +187,7 @@ class WsSession : public ClientConnection,
     // The queue stays: a write in flight may still read its front.
     if (registryId_ != 0) context_.registry.remove(registryId_);
     registryId_ = 0;
+    context_.addressLimits.release(std::exchange(client_.addressSlot, 0));
   }
 
   websocket::stream<Stream> ws_;

@@ -8,6 +8,7 @@
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 
+#include <cstdint>
 #include <string>
 
 #include "server/matcher/candidate_index.h"
@@ -19,9 +20,11 @@ struct ServerContext;
 // Who the session speaks for, as the upgrade request showed.
 struct SessionClient {
   ClientKey key = 0;
+  int64_t appId = 0;  // the application it registered with: matched only within it
   std::string clientId;
   std::string appVersion;
-  std::string peer;  // address:port, for the log
+  std::string peer;          // address:port, for the log
+  uint64_t addressSlot = 0;  // its count in the address limits, released when it ends
 };
 
 using UpgradeRequest = boost::beast::http::request<boost::beast::http::string_body>;

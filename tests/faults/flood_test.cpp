@@ -136,7 +136,12 @@ class ServerUnderFlood : public FacadeFaultTest {
     setrlimit(RLIMIT_NOFILE, &limit);
     server = std::make_unique<BackgroundProcess>(
         TELLORA_SERVER_PATH,
-        std::vector<std::string>{"--bind", "127.0.0.1", "--port", "0", "--db", ":memory:"},
+        // Everything comes from 127.0.0.1 here: the per-address shares are
+        // lifted so that the whole flood reaches the sessions it is about.
+        std::vector<std::string>{"--bind", "127.0.0.1", "--port", "0", "--db",
+                                 ":memory:", "--max-connections-per-address", "4096",
+                                 "--max-pending-per-address", "4096", "--registration-burst",
+                                 "1000"},
         dir.path(), "server");
     ASSERT_TRUE(waitUntil([&] { return listeningPort(server->out()) != 0; }, 10s)) << server->err();
     port = listeningPort(server->out());

@@ -49,6 +49,7 @@ std::vector<uint32_t> sound(uint32_t seed) {
 
 class HubTest : public ::testing::Test {
  protected:
+  static constexpr int64_t kApp = 7;
   static constexpr double kStartMs = 1'700'000'000'000.0;
   static constexpr int kWordsPerPart = 29;
   static constexpr double kPartMs = 232;  // a new part every 29 words
@@ -65,7 +66,7 @@ class HubTest : public ::testing::Test {
                const std::string& payload) {
     devices_.push_back({key, id, heard});
     Device& d = devices_.back();
-    hub_.attach(key, id, d.connection);
+    hub_.attach(key, kApp, id, d.connection);
     setMode(d, 3);
     request(d, {{"type", 1}, {"id", nextId_++}, {"data", payload}});
     return d;
@@ -169,7 +170,7 @@ TEST_F(HubTest, ClientsComingAndGoingDoNotSwallowTheEventsOfOthers) {
   // A searching client leaves right before every tick, when pairs come due.
   beforeTick_ = [this] {
     auto connection = std::make_shared<FakeConnection>();
-    hub_.attach(99, "passer-by", connection);
+    hub_.attach(99, kApp, "passer-by", connection);
     hub_.receive(99, connection.get(), R"({"type":0,"id":0,"data":{"mode":3}})");
     hub_.detach(99, connection.get());
   };
@@ -194,7 +195,7 @@ TEST_F(HubTest, ANewerSessionReplacesTheOlderOne) {
   const auto older = a_->connection;
 
   auto newer = std::make_shared<FakeConnection>();
-  hub_.attach(1, "a", newer);
+  hub_.attach(1, kApp, "a", newer);
   EXPECT_EQ(older->closeCodes, std::vector<uint16_t>{kCloseReplaced});
   EXPECT_EQ(b_->connection->take(103).size(), 1u);  // a starts over
 

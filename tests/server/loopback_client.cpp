@@ -56,9 +56,13 @@ template <class Stream>
 bool connect(net::io_context& io, Stream& stream, const Endpoint& endpoint) {
   auto& socket = beast::get_lowest_layer(stream).socket();
   beast::error_code ec;
-  if (endpoint.receiveBufferBytes > 0) {
+  if (endpoint.receiveBufferBytes > 0 || !endpoint.sourceAddress.empty())
     socket.open(tcp::v4(), ec);
+  if (!ec && endpoint.receiveBufferBytes > 0)
     socket.set_option(net::socket_base::receive_buffer_size(endpoint.receiveBufferBytes), ec);
+  if (!ec && !endpoint.sourceAddress.empty()) {
+    const auto source = net::ip::make_address(endpoint.sourceAddress, ec);
+    if (!ec) socket.bind({source, 0}, ec);
   }
   const tcp::endpoint server(net::ip::make_address("127.0.0.1"), endpoint.port);
   if (ec || await(io, [&](auto handler) { socket.async_connect(server, handler); })) return false;
@@ -76,7 +80,7 @@ HttpResult exchange(net::io_context& io, Stream& stream, const Endpoint& endpoin
       await(io, [&](auto handler) { http::async_write(stream, request, handler); }) ||
       await(io, [&](auto handler) { http::async_read(stream, buffer, response, handler); }))
     return {};
-  return {response.result_int(), response.body()};
+  return {response.result_int(), response.body(), std::string(response[http::field::retry_after])};
 }
 
 template <class Stream>

@@ -24,11 +24,13 @@ struct Endpoint {
   uint16_t port = 0;
   std::string caFile;          // set: TLS, trusting this CA
   int receiveBufferBytes = 0;  // set: SO_RCVBUF of the client's socket
+  std::string sourceAddress;   // set: connect from this address (e.g. 127.0.0.2)
 };
 
 struct HttpResult {
   unsigned status = 0;  // 0: no response (refused, reset, timed out)
   std::string body;
+  std::string retryAfter;  // the Retry-After header, when there was one
 };
 HttpResult httpRequest(const Endpoint& endpoint, const std::string& method,
                        const std::string& target, const std::string& body = {});

@@ -16,11 +16,15 @@ using nlohmann::json;
 
 class Registering : public ::testing::Test {
  protected:
-  RegistrationReply post(const std::string& body) {
-    return handleRegistration(body, apps_, [this](const RegistrationRequest& request) {
-      requests_.push_back(request);
-      return std::optional<IssuedIdentity>(IssuedIdentity{7, "id-7", "secret-7"});
-    });
+  RegistrationReply post(const std::string& body,
+                         std::size_t maxDeviceBytes = kDefaultMaxDeviceBytes) {
+    return handleRegistration(
+        body, apps_,
+        [this](const RegistrationRequest& request) {
+          requests_.push_back(request);
+          return std::optional<IssuedIdentity>(IssuedIdentity{7, "id-7", "secret-7"});
+        },
+        maxDeviceBytes);
   }
   static std::string body(int64_t id, const std::string& secret) {
     return json({{"device", {{"os", "Linux"}, {"appName", "demo"}}},
@@ -66,6 +70,18 @@ TEST_F(Registering, MalformedBodiesAre400) {
   EXPECT_TRUE(requests_.empty());
   // The device description is optional; the id may be negative.
   EXPECT_EQ(post(R"({"app":{"id":-2147483648,"secretKey":"s"}})").status, 200u);
+}
+
+TEST_F(Registering, ADeviceRecordOverTheCapIs413AndIssuesNothing) {
+  const auto withDevice = [](std::size_t valueBytes) {
+    return json({{"device", {{"os", std::string(valueBytes, 'x')}}},
+                 {"app", {{"id", 1}, {"secretKey", "s"}}}})
+        .dump();
+  };
+  // {"os":"..."} is 9 bytes around the value.
+  EXPECT_EQ(post(withDevice(91), 100).status, 200u);
+  EXPECT_EQ(post(withDevice(92), 100).status, 413u);
+  EXPECT_EQ(requests_.size(), 1u);
 }
 
 TEST_F(Registering, AFailedIssueIs500) {

@@ -5,12 +5,19 @@
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
 #include <chrono>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "fingerprint/part_fingerprint.h"
 #include "server/hub.h"
 #include "tests/server/loopback_client.h"
 #include "tests/support/test_certificates.h"
@@ -203,7 +210,7 @@ TEST_F(ServerTest, ServesRegistrationAndSessionsOverTls) {
   options.tlsCertificateChainFile = certificates->certificateChainFile().string();
   options.tlsPrivateKeyFile = certificates->privateKeyFile().string();
   startServer(options);
-  const Endpoint secure{server_->port(), certificates->caFile().string(), 0};
+  const Endpoint secure{server_->port(), certificates->caFile().string(), 0, {}};
 
   const auto identity = server_test::registerClient(secure, 5, "five");
   ASSERT_EQ(identity.status, 200u);
@@ -215,6 +222,129 @@ TEST_F(ServerTest, ServesRegistrationAndSessionsOverTls) {
   EXPECT_EQ(status, 802u);
   // Plain HTTP on the TLS port gets nowhere.
   EXPECT_EQ(httpRequest(endpoint_, "POST", "/register", "{}").status, 0u);
+}
+
+// Sockets that connect from `source` and never send a byte.
+class IdleSockets {
+ public:
+  IdleSockets(uint16_t port, const std::string& source, int count) {
+    namespace net = boost::asio;
+    for (int i = 0; i < count; ++i) {
+      auto& socket = sockets_.emplace_back(io_);
+      socket.open(net::ip::tcp::v4());
+      socket.bind({net::ip::make_address(source), 0});
+      socket.connect({net::ip::make_address("127.0.0.1"), port});
+    }
+  }
+  // How many the server has closed (end of stream), waiting up to `timeout`
+  // for `expected` of them.
+  int closed(int expected, std::chrono::milliseconds timeout = 2s) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+      std::vector<pollfd> fds;
+      for (auto& socket : sockets_)
+        fds.push_back({socket.native_handle(), POLLIN, 0});
+      ::poll(fds.data(), fds.size(), 0);
+      int ended = 0;
+      for (const auto& fd : fds)
+        ended += (fd.revents & (POLLIN | POLLHUP | POLLERR)) != 0;
+      if (ended >= expected || std::chrono::steady_clock::now() >= deadline) return ended;
+      std::this_thread::sleep_for(10ms);
+    }
+  }
+
+ private:
+  boost::asio::io_context io_;
+  std::vector<boost::asio::ip::tcp::socket> sockets_;
+};
+
+TEST_F(ServerTest, IdleSocketsOfOtherAddressesCannotKeepAClientOut) {
+  auto options = defaults();
+  options.limits.maxConnections = 16;  // 8 per address
+  options.limits.maxPendingPerAddress = 8;
+  startServer(options);
+  IdleSockets first(endpoint_.port, "127.0.0.2", 10);
+  EXPECT_EQ(first.closed(2), 2);  // beyond its share, closed at once
+  IdleSockets second(endpoint_.port, "127.0.0.4", 10);
+  EXPECT_EQ(second.closed(2), 2);
+  // The server is full of idle sockets; a newcomer displaces one of them.
+  Endpoint good = endpoint_;
+  good.sourceAddress = "127.0.0.3";
+  const auto identity = server_test::registerClient(good, 5, "five");
+  ASSERT_EQ(identity.status, 200u);
+  auto client = WsClient::open(good, identity);
+  ASSERT_TRUE(client);
+  EXPECT_TRUE(client->request(3, 1));
+  EXPECT_GE(first.closed(3, 0ms) + second.closed(3, 0ms), 5);
+}
+
+TEST_F(ServerTest, RegistrationsArePacedPerAddressWith429AndRetryAfter) {
+  auto options = defaults();
+  options.limits.registrationBurst = 3;
+  options.limits.registrationsPerSecond = 0.01;
+  startServer(options);
+  Endpoint busy = endpoint_, other = endpoint_;
+  busy.sourceAddress = "127.0.0.2";
+  other.sourceAddress = "127.0.0.3";
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(server_test::registerClient(busy, 5, "five").status, 200u);
+  const auto refused = httpRequest(busy, "POST", "/register", "{}");
+  EXPECT_EQ(refused.status, 429u);
+  EXPECT_GE(std::stoi(refused.retryAfter.empty() ? "0" : refused.retryAfter), 1);
+  EXPECT_EQ(server_test::registerClient(other, 5, "five").status, 200u);
+}
+
+TEST_F(ServerTest, ClientsOfDifferentApplicationsHearingOneSoundNeverMeet) {
+  auto options = defaults();
+  options.apps = {{5, "five"}, {6, "six"}};
+  startServer(options);
+  struct Device {
+    Registration identity;
+    std::unique_ptr<WsClient> client;
+  };
+  auto join = [&](int64_t app, const std::string& secret, const std::string& payload) {
+    Device d{server_test::registerClient(endpoint_, app, secret), nullptr};
+    d.client = WsClient::open(endpoint_, d.identity);
+    EXPECT_TRUE(d.client && d.client->request(0, 1, json{{"mode", 3}}) &&
+                d.client->request(1, 2, json(payload)));
+    return d;
+  };
+  Device a = join(5, "five", "alice"), b = join(5, "five", "bob"), c = join(6, "six", "carol");
+  ASSERT_TRUE(a.client && b.client && c.client);
+
+  // Six seconds of one sound, 29 words a part, heard by all three.
+  constexpr int kParts = 26;
+  std::mt19937 rng(7);
+  std::vector<uint32_t> sound(29 * kParts);
+  for (auto& word : sound)
+    word = rng();
+  const double start = localMs() - kParts * 232;
+  for (int part = 0; part < kParts; ++part) {
+    const json fingerprint = {{"fp", fingerprintFromWords(std::span(sound).subspan(part * 29, 29))},
+                              {"stime", start + part * 232},
+                              {"etime", 0}};
+    for (Device* d : {&a, &b, &c})
+      ASSERT_TRUE(d->client->request(4, 10 + part, fingerprint));
+  }
+  // The matcher runs every 100 ms; a and b find each other within a few runs.
+  json nearbyA;
+  for (int id = 100; id < 200 && nearbyA.empty(); ++id) {
+    const auto reply = a.client->request(2, id);
+    ASSERT_TRUE(reply);
+    nearbyA = (*reply)["data"]["nearby"];
+    if (nearbyA.empty()) std::this_thread::sleep_for(20ms);
+  }
+  EXPECT_EQ(nearbyA, json::array({{{"clientId", b.identity.clientId}, {"payload", "bob"}}}));
+  const auto nearbyC = c.client->request(2, 300);
+  ASSERT_TRUE(nearbyC);
+  EXPECT_EQ((*nearbyC)["data"]["nearby"], json::array());
+  for (Device* d : {&a, &b, &c}) {
+    for (const auto& push : d->client->pushes) {
+      const auto named = push["data"].value("clientId", "");
+      EXPECT_NE(named, d == &c ? a.identity.clientId : c.identity.clientId);
+      EXPECT_NE(named, d == &c ? b.identity.clientId : c.identity.clientId);
+    }
+  }
 }
 
 }  // namespace
