@@ -6,9 +6,9 @@
 namespace tellora {
 
 // Takes a reference on PortAudio, initialising it on the first one. The probing
-// that Pa_Initialize prints (ALSA and JACK, some eighty lines) is kept off
-// stderr. Returns paNoError or Pa_Initialize's error; only a successful call
-// must be paired with releasePortAudio(). Thread-safe.
+// that Pa_Initialize prints (ALSA and JACK, some eighty lines) goes to the
+// debug log (audio/backend_chatter.h). Returns paNoError or Pa_Initialize's error; only a
+// successful call must be paired with releasePortAudio(). Thread-safe.
 PaError acquirePortAudio();
 // Drops a reference; the last one terminates PortAudio, so that the next
 // acquire scans the devices again (a sound server that came up meanwhile).

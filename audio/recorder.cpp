@@ -92,7 +92,8 @@ void TLRRecorder::startRecording() {
     }
     case TLRAudioStartResult::Kind::notPermitted: {
       shutDownSource();
-      // Which of "no input at all" and "refused" it was matters on Linux.
+      // Only a refused permission ends here; a busy or missing device is
+      // retried like any other failure.
       debugf("Error with code %d occure - %s", result.status, result.routine.c_str());
       const auto error = TLRError::make(101, {{"message", std::string("Microphone is disabled")}});
       if (auto handler = errorHandler_.lock()) handler->recordStoppedWithError(error);

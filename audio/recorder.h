@@ -55,8 +55,8 @@ class TLRRecorder {
 
   // Does nothing while recording. A start that fails is retried after
   // attemptCount delay units (1, 2, 3, ... seconds), for ever, each retry
-  // announced by "audioError". A source that is not permitted reports error
-  // 101 to the error handler and is not retried.
+  // announced by "audioError". A source whose access was refused reports
+  // error 101 to the error handler and is not retried.
   void startRecording();
   // Does nothing unless recording or waiting for a retry: a user's stop also
   // cancels a pending retry.

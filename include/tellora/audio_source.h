@@ -23,8 +23,8 @@ namespace tellora {
 struct TELLORA_EXPORT TLRAudioStartResult {
   enum class Kind {
     started,
-    notPermitted,  // no usable input, or the user may not open it: retrying cannot help
-    failed,        // anything else: worth another try later
+    notPermitted,  // the user (or a sandbox) refused access: retrying cannot help
+    failed,        // anything else, a busy or missing device too: worth another try later
   };
 
   Kind kind = Kind::started;

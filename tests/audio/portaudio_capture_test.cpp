@@ -144,19 +144,24 @@ TEST_F(PortAudioCaptureTest, RecordsWhatPlaysIntoTheMicrophone) {
   EXPECT_EQ(delegate_->errors.size(), 0u);
   EXPECT_EQ(notifications_.count(TLRAudioErrorNotification), 0u) << "the stream never stalled";
 
-  // Blocks of 100 ms, stamped evenly from the clock the hasher reads: the
-  // first item was heard after the start call, the last one before the stop.
+  // Blocks of 100 ms, stamped on the clock the hasher reads: each block was
+  // heard after the start call and before it arrived, and not long before.
   const double blockTicks = ticksForItems(800, 8000.0);
+  const double slack = ticksForItems(80, 8000.0);  // 10 ms
   std::vector<int16_t> recorded;
   for (size_t i = 0; i < blocks.size(); ++i) {
     EXPECT_EQ(blocks[i].items.size(), 800u) << "block " << i;
     EXPECT_TRUE(blocks[i].onLoop);
+    const double arrived =
+        std::chrono::duration<double, std::nano>(blocks[i].arrivedAt.time_since_epoch()).count();
+    EXPECT_LE(blocks[i].time + blockTicks, arrived + slack) << "block " << i;
+    EXPECT_GE(blocks[i].time, arrived - ticksForItems(8000, 8000.0)) << "block " << i;
     if (i > 0) {
-      EXPECT_DOUBLE_EQ(blocks[i].time - blocks[i - 1].time, blockTicks) << "block " << i;
+      EXPECT_GT(blocks[i].time, blocks[i - 1].time) << "block " << i;
     }
     recorded.insert(recorded.end(), blocks[i].items.begin(), blocks[i].items.end());
   }
-  EXPECT_GE(blocks.front().time, startTicks);
+  EXPECT_GE(blocks.front().time, startTicks - slack);
   EXPECT_LE(blocks.back().time + blockTicks, stopTicks);
   ASSERT_GT(recorded.size(), sound.size());
 
@@ -210,9 +215,10 @@ TEST_F(PortAudioCaptureTest, RestartsWhenTheSoundServerDiesUnderIt) {
   recorder_.stop();
 }
 
-// No sound server and no sound card: PortAudio sees no device at all, which
-// is a microphone the user cannot have, not a reason to retry.
-TEST(PortAudioWithoutDevicesTest, ReportsMicrophoneDisabled) {
+// No sound server and no sound card: PortAudio sees no device at all. The
+// server may still be on its way up, so that is retried, not a microphone the
+// user refused.
+TEST(PortAudioWithoutDevicesTest, RetriesInsteadOfReportingMicrophoneDisabled) {
   testtools::ScratchDir dir;
   setenv("XDG_RUNTIME_DIR", dir.file("run").c_str(), 1);
   setenv("PULSE_SERVER", ("unix:" + dir.file("no-such-socket")).c_str(), 1);
@@ -228,11 +234,12 @@ TEST(PortAudioWithoutDevicesTest, ReportsMicrophoneDisabled) {
   LoopRecorder recorder(8000.0, portAudioSourceFactory());
   recorder.report(delegate, milliseconds(50));
   recorder.start();
-  ASSERT_EQ(delegate->errors.size(), 1u);
-  EXPECT_EQ(delegate->errors.values()[0].code, 101);
   EXPECT_FALSE(recorder.isRec());
-  std::this_thread::sleep_for(milliseconds(200));
-  EXPECT_TRUE(notifications.entries().empty());
+  ASSERT_TRUE(notifications.waitForCount(TLRAudioErrorNotification, 2));
+  recorder.stop();
+  EXPECT_EQ(notifications.entries()[0].message,
+            "Error with code -1 occure - Pa_GetDeviceCount attemptCount == 2");
+  EXPECT_EQ(delegate->errors.size(), 0u);
 }
 
 }  // namespace

@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <thread>
 
+#include "audio/portaudio_start_errors.h"
 #include "tests/audio/recorder_test_support.h"
 
 namespace tellora {
@@ -57,11 +59,15 @@ TEST_F(RecorderTest, NotPermittedReportsError101AndNeverRetries) {
   EXPECT_EQ(delegate_->errors.size(), 1u);
 }
 
-TEST_F(RecorderTest, RetriesFailedStartsWithGrowingDelayUntilOneSucceeds) {
-  backend_->with([](auto& s) {
-    s.script = {TLRAudioStartResult::failure(-66681, "AudioQueueStart"),
-                TLRAudioStartResult::failure(-66681, "AudioQueueStart")};
-  });
+// What PortAudio reports for a device another program holds: both are retried.
+TLRAudioStartResult busyDevice(bool hostError) {
+  const PaHostErrorInfo ebusy{paALSA, -EBUSY, "Device or resource busy"};
+  return hostError ? classifyPortAudioFailure(paUnanticipatedHostError, &ebusy, "Pa_StartStream")
+                   : classifyPortAudioFailure(paDeviceUnavailable, nullptr, "Pa_OpenStream");
+}
+
+TEST_F(RecorderTest, ABusyDeviceIsRetriedWithGrowingDelayUntilItRecords) {
+  backend_->with([](auto& s) { s.script = {busyDevice(false), busyDevice(true)}; });
   recorder_->start();
   EXPECT_FALSE(recorder_->isRec());
 
@@ -69,11 +75,10 @@ TEST_F(RecorderTest, RetriesFailedStartsWithGrowingDelayUntilOneSucceeds) {
   const auto entries = notifications_.entries();
   ASSERT_EQ(entries.size(), 3u);
   EXPECT_EQ(entries[0].name, "audioError");
-  EXPECT_EQ(entries[0].message,
-            "Error with code -66681 occure - AudioQueueStart attemptCount == 2");
-  EXPECT_EQ(entries[1].message,
-            "Error with code -66681 occure - AudioQueueStart attemptCount == 3");
+  EXPECT_EQ(entries[0].message, "Error with code -9985 occure - Pa_OpenStream attemptCount == 2");
+  EXPECT_EQ(entries[1].message, "Error with code -9999 occure - Pa_StartStream attemptCount == 3");
   EXPECT_EQ(entries[2].name, "audioConnectSucc");
+  EXPECT_EQ(delegate_->errors.size(), 0u) << "a busy microphone is not a disabled one";
 
   const auto starts = backend_->state().startTimes;
   ASSERT_EQ(starts.size(), 3u);
@@ -87,6 +92,31 @@ TEST_F(RecorderTest, RetriesFailedStartsWithGrowingDelayUntilOneSucceeds) {
   EXPECT_TRUE(recorder_->isRec());
   EXPECT_EQ(recorder_->run([](TLRRecorder& r) { return r.attemptCount(); }), 1);
   EXPECT_EQ(backend_->state().stops, 2) << "each failed source is released before the retry";
+  ASSERT_TRUE(backend_->deliver({7, 8}, 1.0));
+  ASSERT_TRUE(delegate_->waitForBlocks(1));
+}
+
+// Only a device that refuses this user is a disabled microphone.
+TEST(PortAudioStartErrorsTest, OnlyAnAccessRefusalIsNotPermitted) {
+  struct Case {
+    PaError error;
+    PaHostApiTypeId api;
+    long hostCode;
+    bool notPermitted;
+  };
+  for (const Case c :
+       {Case{paDeviceUnavailable, paALSA, 0, false}, Case{paInvalidDevice, paALSA, 0, false},
+        Case{paUnanticipatedHostError, paALSA, -EBUSY, false},
+        Case{paUnanticipatedHostError, paALSA, -EACCES, true},
+        Case{paUnanticipatedHostError, paOSS, EPERM, true},
+        // JACK's codes are not errno values.
+        Case{paUnanticipatedHostError, paJACK, EACCES, false}}) {
+    const PaHostErrorInfo host{c.api, c.hostCode, ""};
+    const auto result = classifyPortAudioFailure(c.error, &host, "Pa_OpenStream");
+    EXPECT_EQ(result.kind == TLRAudioStartResult::Kind::notPermitted, c.notPermitted)
+        << "error " << c.error << " host " << c.hostCode;
+    EXPECT_EQ(result.status, c.error);
+  }
 }
 
 TEST_F(RecorderTest, StartAndStopActOnlyOnAChangeAndEveryStartBuildsAFreshSource) {
