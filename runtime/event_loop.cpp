@@ -63,6 +63,14 @@ void EventLoop::post(Task task) {
   boost::asio::post(context_, std::move(task));
 }
 
+void EventLoop::dispatch(Task task) {
+  if (isCurrent()) {
+    task();
+  } else {
+    post(std::move(task));
+  }
+}
+
 void EventLoop::postAfter(Duration delay, Task task) {
   const auto deadline = std::chrono::steady_clock::now() + delay;
   // Timer objects are not thread-safe, so each one is made and armed on the

@@ -37,6 +37,9 @@ class EventLoop {
 
   // Queues a task at the back of the loop. Safe from any thread.
   void post(Task task);
+  // Runs the task now when called on the loop, else queues it: a caller on
+  // another thread never waits for the loop.
+  void dispatch(Task task);
   // Runs a task on the loop once `delay` has passed. Safe from any thread.
   void postAfter(Duration delay, Task task);
 

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <deque>
 #include <memory>
 #include <mutex>
 
@@ -12,11 +13,20 @@ namespace tellora {
 
 namespace {
 
+// Lines are delivered one at a time, in order, but never under a lock: a host
+// sink may take its own locks or call into the SDK from any thread. A thread
+// that finds another thread delivering leaves its line in `pending` and goes
+// on; the delivering thread writes it before it leaves.
 struct LogState {
-  // Recursive so that a host sink which itself logs does not deadlock.
-  std::recursive_mutex mutex;
+  std::mutex mutex;
   std::shared_ptr<const TLRLogSink> sink;  // null: stderr
+  std::deque<std::string> pending;
+  bool delivering = false;
+  size_t dropped = 0;
 };
+
+// A sink that never returns must not make the queue grow without bound.
+constexpr size_t kPendingLimit = 10000;
 
 // Immortal: SDK threads may still log while static destructors run at exit.
 LogState& logState() {
@@ -51,14 +61,33 @@ void TLRSetLogSink(TLRLogSink sink) {
 
 void logLine(std::string_view line) {
   auto& state = logState();
-  std::lock_guard lock(state.mutex);
-  // A local reference keeps the sink alive if it replaces itself while running.
-  const auto sink = state.sink;
-  if (sink) {
-    (*sink)(line);
-  } else {
-    writeToStderr(line);
+  std::unique_lock lock(state.mutex);
+  if (state.pending.size() >= kPendingLimit) {
+    ++state.dropped;
+    return;
   }
+  state.pending.emplace_back(line);
+  if (state.delivering) return;  // a sink that logs lands here too
+  state.delivering = true;
+  while (!state.pending.empty()) {
+    std::string next = std::move(state.pending.front());
+    state.pending.pop_front();
+    if (state.dropped > 0 && state.pending.empty()) {
+      state.pending.push_back("Tellora: " + std::to_string(state.dropped) +
+                              " log lines dropped (the log sink is too slow)");
+      state.dropped = 0;
+    }
+    // A local reference keeps the sink alive if it replaces itself while running.
+    const auto sink = state.sink;
+    lock.unlock();
+    if (sink) {
+      (*sink)(next);
+    } else {
+      writeToStderr(next);
+    }
+    lock.lock();
+  }
+  state.delivering = false;
 }
 
 void logf(const char* format, ...) {

@@ -122,36 +122,62 @@ std::mutex& standardMutex() {
 
 std::atomic<UserDefaults*> standardInstance{nullptr};
 
+void logProblem(const std::optional<std::string>& problem) {
+  if (problem) logLine(*problem);
+}
+
 }  // namespace
 
-UserDefaults::UserDefaults(fs::path path) : path_(std::move(path)) {
+UserDefaults::UserDefaults(fs::path path, std::optional<std::string>& problem)
+    : path_(std::move(path)) {
   std::lock_guard lock(mutex_);
-  load();
+  problem = load();
+}
+
+UserDefaults::UserDefaults(fs::path path) {
+  std::optional<std::string> problem;
+  {
+    std::lock_guard lock(mutex_);
+    path_ = std::move(path);
+    problem = load();
+  }
+  logProblem(problem);
 }
 
 UserDefaults& UserDefaults::standard() {
   if (auto* instance = standardInstance.load(std::memory_order_acquire)) return *instance;
-  std::lock_guard lock(standardMutex());
-  if (auto* instance = standardInstance.load(std::memory_order_relaxed)) return *instance;
-  // Never destroyed: debug log sites on SDK threads read it until the process ends.
-  auto* instance = new UserDefaults(defaultPath());
-  standardInstance.store(instance, std::memory_order_release);
+  std::optional<std::string> problem;
+  UserDefaults* instance = nullptr;
+  {
+    std::lock_guard lock(standardMutex());
+    instance = standardInstance.load(std::memory_order_relaxed);
+    if (instance) return *instance;
+    // Never destroyed: debug log sites on SDK threads read it until the process ends.
+    instance = new UserDefaults(defaultPath(), problem);
+    standardInstance.store(instance, std::memory_order_release);
+  }
+  logProblem(problem);
   return *instance;
 }
 
 void UserDefaults::setStandardPath(const fs::path& path) {
   {
-    std::lock_guard lock(standardMutex());
+    std::optional<std::string> problem;
+    std::unique_lock lock(standardMutex());
     if (!standardInstance.load(std::memory_order_relaxed)) {
       // Not created yet: never touch the default file at all.
-      standardInstance.store(new UserDefaults(path), std::memory_order_release);
+      standardInstance.store(new UserDefaults(path, problem), std::memory_order_release);
+      lock.unlock();
+      logProblem(problem);
       return;
     }
   }
   UserDefaults& store = standard();
-  std::lock_guard lock(store.mutex_);
+  std::unique_lock lock(store.mutex_);
   store.path_ = path;
-  store.load();
+  auto problem = store.load();
+  lock.unlock();
+  logProblem(problem);
 }
 
 fs::path UserDefaults::defaultPath() {
@@ -185,25 +211,31 @@ void UserDefaults::setString(const std::string& key, const std::optional<std::st
     removeObject(key);
     return;
   }
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   const auto found = values_.find(key);
   if (found != values_.end() && found->second == Value(*value)) return;
   values_[key] = *value;
-  persist();
+  auto problem = persist();
+  lock.unlock();
+  logProblem(problem);
 }
 
 void UserDefaults::setBool(const std::string& key, bool value) {
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   const auto found = values_.find(key);
   if (found != values_.end() && found->second == Value(value)) return;
   values_[key] = value;
-  persist();
+  auto problem = persist();
+  lock.unlock();
+  logProblem(problem);
 }
 
 void UserDefaults::removeObject(const std::string& key) {
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   if (values_.erase(key) == 0) return;
-  persist();
+  auto problem = persist();
+  lock.unlock();
+  logProblem(problem);
 }
 
 fs::path UserDefaults::path() const {
@@ -212,25 +244,25 @@ fs::path UserDefaults::path() const {
 }
 
 void UserDefaults::reload() {
-  std::lock_guard lock(mutex_);
-  load();
+  std::unique_lock lock(mutex_);
+  auto problem = load();
+  lock.unlock();
+  logProblem(problem);
 }
 
-void UserDefaults::load() {
+std::optional<std::string> UserDefaults::load() {
   values_.clear();
   const auto text = readFile(path_);
   if (!text) {
     // A missing file is the normal first launch.
-    if (errno != ENOENT) {
-      logf("Tellora: cannot read user defaults %s (%s), starting empty", path_.c_str(),
-           errnoText(errno).c_str());
-    }
-    return;
+    if (errno == ENOENT) return std::nullopt;
+    return strprintf("Tellora: cannot read user defaults %s (%s), starting empty", path_.c_str(),
+                     errnoText(errno).c_str());
   }
   const auto json = nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false);
   if (json.is_discarded() || !json.is_object()) {
-    logf("Tellora: user defaults %s are not a JSON object, starting empty", path_.c_str());
-    return;
+    return strprintf("Tellora: user defaults %s are not a JSON object, starting empty",
+                     path_.c_str());
   }
   for (const auto& [key, value] : json.items()) {
     if (value.is_string()) {
@@ -240,9 +272,10 @@ void UserDefaults::load() {
     }
     // Other kinds are not ours; they are dropped at the next write.
   }
+  return std::nullopt;
 }
 
-void UserDefaults::persist() {
+std::optional<std::string> UserDefaults::persist() {
   nlohmann::json json = nlohmann::json::object();
   for (const auto& [key, value] : values_) {
     std::visit([&json, &key = key](const auto& v) { json[key] = v; }, value);
@@ -250,9 +283,9 @@ void UserDefaults::persist() {
   // Replace invalid UTF-8 instead of throwing: keys and values come from servers.
   const std::string text =
       json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-  if (auto failure = replaceFile(path_, text)) {
-    logf("Tellora: cannot save user defaults: %s", failure->c_str());
-  }
+  if (auto failure = replaceFile(path_, text))
+    return "Tellora: cannot save user defaults: " + *failure;
+  return std::nullopt;
 }
 
 }  // namespace tellora

@@ -40,8 +40,12 @@ class UserDefaults {
 
  private:
   using Value = std::variant<bool, std::string>;
-  void load();     // with mutex_ held
-  void persist();  // with mutex_ held; failures are logged, values stay in memory
+  // Loads without logging; the problem, if any, is handed back through `problem`.
+  UserDefaults(std::filesystem::path path, std::optional<std::string>& problem);
+  // Both run with mutex_ held and return the problem to log, if any: nothing is
+  // logged under the lock, since a host's log sink may read the defaults.
+  std::optional<std::string> load();
+  std::optional<std::string> persist();  // on failure the values stay in memory
 
   mutable std::mutex mutex_;
   std::filesystem::path path_;

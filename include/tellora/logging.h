@@ -10,7 +10,10 @@
 namespace tellora {
 
 // Receives one complete line (no trailing newline). May be called from any SDK
-// thread, never concurrently: calls are serialised by the SDK.
+// thread, never concurrently, and in the order the lines were written. The SDK
+// holds no lock while it runs, so a sink may take its own locks and call into
+// the SDK; a line may be delivered by another SDK thread than the one that
+// wrote it.
 using TLRLogSink = std::function<void(std::string_view line)>;
 
 // Replaces the sink; an empty function restores the stderr sink.

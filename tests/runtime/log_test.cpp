@@ -77,6 +77,19 @@ TEST_F(LogTest, SinkMayLogAndReplaceItself) {
   EXPECT_EQ(seen, (Lines{"outer", "nested", "swap", "replaced"}));
 }
 
+// A host sink that waits for another thread which logs meanwhile (a sink
+// that asks the SDK something, while the SDK's loop writes a line).
+TEST_F(LogTest, SinkMayWaitForAnotherThreadThatLogs) {
+  Lines seen;
+  TLRSetLogSink([&](std::string_view line) {
+    seen.emplace_back(line);
+    if (line == "asks") std::thread([] { logf("answers"); }).join();
+  });
+  logf("asks");
+  logf("after");
+  EXPECT_EQ(seen, (Lines{"asks", "answers", "after"}));
+}
+
 TEST_F(LogTest, EmptySinkRestoresStderr) {
   TLRSetLogSink({});
   ::testing::internal::CaptureStderr();
