@@ -58,6 +58,7 @@ void tlr_setup_with_configuration(const tlr_configuration* configuration) {
   c.appID = configuration->app_id;
   c.appSecret = text(configuration->app_secret);
   if (configuration->host_fed_audio) c.audioSourceFactory = hostFedAudio(true)->sourceFactory();
+  c.resumeSearchAfterClose = configuration->resume_search_after_close != 0;
   TLRTellora::setupWithCustomConfiguration(c);
 }
 
@@ -80,7 +81,10 @@ void tlr_start_searching(const char* payload, tlr_started_fn started, tlr_client
       CError e(*error);
       stopped(&e.error, user);
     };
-  TLRTellora::startSearchingWithPayload(text(payload), onStarted, onFound, onLost, onStopped);
+  std::optional<std::string> payloadText;
+  if (payload) payloadText = payload;
+  TLRTellora::startSearchingWithPayload(std::move(payloadText), onStarted, onFound, onLost,
+                                        onStopped);
 }
 
 void tlr_stop_search(void) {

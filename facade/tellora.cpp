@@ -1,12 +1,16 @@
 // The public entry points: each hops onto the SDK's event loop and runs there.
+// Calls without a result are queued, never waited for, so a host may call them
+// while holding a lock that its own callbacks take; calls with a result wait
+// for the loop, except on the loop itself, where everything runs at once.
 #include "tellora/tellora.hpp"
 
+#include "facade/tellora_access.h"
 #include "facade/tellora_impl.h"
 #include "messaging/message_service.h"
+#include "registration/device_info.h"
 #include "runtime/event_loop.h"
 #include "runtime/log.h"
 #include "transport/transport.h"
-#include "registration/device_info.h"
 
 extern "C" {
 const double TelloraVersionNumber = 1.0;
@@ -27,7 +31,9 @@ const char* const TLRTelloraNetworkSpeedStatusChanged = kTLRNetworkSpeedStatusCh
 
 namespace {
 
-EventLoop& loop() { return EventLoop::main(); }
+EventLoop& loop() {
+  return EventLoop::main();
+}
 
 }  // namespace
 
@@ -41,51 +47,51 @@ TLRTellora& TLRTellora::sharedInstance() {
 }
 
 void TLRTellora::setupWithApiKey(const std::string& apiKey) {
-  auto& self = sharedInstance();
-  loop().call([&] {
-    if (!self.impl_->configuration())
-      self.impl_->setConfiguration(defaultConfigurationWithApiKey(apiKey));
+  auto impl = sharedInstance().impl_;
+  loop().dispatch([impl, apiKey] {
+    if (!impl->configuration()) impl->setConfiguration(defaultConfigurationWithApiKey(apiKey));
   });
 }
 
 void TLRTellora::setupWithCustomConfiguration(const TLRTelloraConfiguration& configuration) {
-  auto& self = sharedInstance();
-  loop().call([&] {
-    self.impl_->setConfiguration(configuration);
+  auto impl = sharedInstance().impl_;
+  loop().dispatch([impl, configuration] {
+    impl->setConfiguration(configuration);
     logf("Tellora: set custom configuration is OK");
   });
 }
 
-void TLRTellora::startSearchingWithPayload(const std::string& payload,
+void TLRTellora::startSearchingWithPayload(std::optional<std::string> payload,
                                            StartedBlock onSearchStartedBlock,
-                                           ClientBlock onClientFoundBlock,
-                                           ClientBlock onClientLost,
+                                           ClientBlock onClientFoundBlock, ClientBlock onClientLost,
                                            StoppedBlock onSearchStoppedBlock) {
-  auto& self = sharedInstance();
-  loop().call([&] {
-    self.impl_->setHostCallbacks(std::move(onSearchStartedBlock), std::move(onClientFoundBlock),
-                                 std::move(onClientLost), std::move(onSearchStoppedBlock));
-    self.impl_->startSearchingWithPayload(payload);
+  auto impl = sharedInstance().impl_;
+  loop().dispatch([impl, payload = std::move(payload), started = std::move(onSearchStartedBlock),
+                   found = std::move(onClientFoundBlock), lost = std::move(onClientLost),
+                   stopped = std::move(onSearchStoppedBlock)]() mutable {
+    impl->setHostCallbacks(std::move(started), std::move(found), std::move(lost),
+                           std::move(stopped));
+    impl->startSearchingWithPayload(payload);
   });
 }
 
 void TLRTellora::stopSearch() {
-  auto& self = sharedInstance();
-  loop().call([&] { self.impl_->stopSearching(); });
+  auto impl = sharedInstance().impl_;
+  loop().dispatch([impl] { impl->stopSearching(); });
 }
 
 void TLRTellora::stopSearchingWithStoppedBlock(std::function<void()> stoppedBlock) {
-  auto& self = sharedInstance();
-  loop().call([&] {
-    self.impl_->stopSearchingWithBlock([stoppedBlock](const std::optional<TLRError>&) {
+  auto impl = sharedInstance().impl_;
+  loop().dispatch([impl, stoppedBlock = std::move(stoppedBlock)] {
+    impl->stopSearchingWithBlock([stoppedBlock](const std::optional<TLRError>&) {
       if (stoppedBlock) stoppedBlock();
     });
   });
 }
 
 void TLRTellora::disconnect() {
-  auto& self = sharedInstance();
-  loop().call([&] { self.impl_->disconnect(); });
+  auto impl = sharedInstance().impl_;
+  loop().dispatch([impl] { impl->disconnect(); });
 }
 
 bool TLRTellora::isSearching() const {
@@ -116,18 +122,17 @@ double TLRTellora::timeDifference() const {
   return loop().call([&] { return impl_->timeDifference(); });
 }
 
+std::optional<std::string> TLRTellora::lastConnectionFailure() const {
+  return loop().call([&] { return impl_->connectionFailure(); });
+}
+
 void TLRTellora::setHostApplication(const std::string& identifier, const std::string& version) {
   setHostAppIdentifier(identifier);
   setHostAppVersion(version);
 }
 
-void TLRTellora::setTimingsForTesting(std::chrono::milliseconds linkCheckInterval,
-                                      std::chrono::milliseconds transportRetryInterval,
-                                      std::chrono::milliseconds recorderRetryUnit) {
-  auto& self = sharedInstance();
-  loop().call([&] {
-    self.impl_->setTimings(linkCheckInterval, transportRetryInterval, recorderRetryUnit);
-  });
+std::shared_ptr<TLRTelloraImpl> TLRTelloraAccess::impl(TLRTellora& tellora) {
+  return tellora.impl_;
 }
 
 }  // namespace tellora

@@ -3,9 +3,13 @@
 #include <boost/url/parse.hpp>
 
 #include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <cstdlib>
+#include <random>
 
 #include "registration/device_info.h"
+#include "registration/http_error.h"
 #include "registration/registration_service.h"
 #include "runtime/event_loop.h"
 #include "runtime/log.h"
@@ -19,6 +23,25 @@ constexpr int64_t kSearchClientMode = 3;
 constexpr double kPartDuration = 0.5;
 constexpr double kRecordingRate = 8000.0;
 
+bool isUsableIdentity(const std::optional<std::string>& value) {
+  return value && !value->empty();
+}
+
+// How a failed registration reads in a log or a tool's message.
+std::string describeRegistrationFailure(const TLRError& error) {
+  auto text = [&](const char* key) -> std::string {
+    auto found = error.userInfo.find(key);
+    if (found == error.userInfo.end()) return {};
+    const auto* value = std::get_if<std::string>(&found->second);
+    return value ? *value : std::string();
+  };
+  std::string reason = text("message");
+  if (reason.empty()) return "registration failed: " + error.description();
+  if (const auto underlying = text("underlyingError"); !underlying.empty())
+    reason += " (" + underlying + ")";
+  return "registration failed: " + reason;
+}
+
 std::string describe(const std::optional<TLRError>& error) {
   return error ? error->description() : std::string("(null)");
 }
@@ -31,7 +54,9 @@ std::optional<std::string> payloadText(const nlohmann::json& payload) {
   return payload.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-TLRNotificationCenter& center() { return TLRNotificationCenter::defaultCenter(); }
+TLRNotificationCenter& center() {
+  return TLRNotificationCenter::defaultCenter();
+}
 
 }  // namespace
 
@@ -75,8 +100,9 @@ void TLRTelloraImpl::init() {
 // life of the process.
 void TLRTelloraImpl::registerPrivateApi() {
   auto onLoop = [weak = weakSelf_](std::function<void(TLRTelloraImpl&)> action) {
+    // Posted, not waited for: the poster may hold a lock that a host callback takes.
     return [weak, action](const TLRNotification&) {
-      EventLoop::main().call([&] {
+      EventLoop::main().dispatch([weak, action] {
         if (auto self = weak.lock()) action(*self);
       });
     };
@@ -148,10 +174,17 @@ void TLRTelloraImpl::registerIfNeededWithConfiguration(
                                                const std::optional<TLRError>& error) {
         auto self = weak.lock();
         if (!self) return;
-        self->telloraState_ = error ? TLRTelloraStateIdle : TLRTelloraStateRegistered;
-        self->setClientID(id);
-        self->setClientSecret(secret);
-        end(error);
+        // A reply without an identity is no registration: it fails like any
+        // other, and the next connect registers again.
+        std::optional<TLRError> failure = error;
+        if (!failure && (!isUsableIdentity(id) || !isUsableIdentity(secret))) {
+          failure = makeHTTPError(TLRHTTPErrorCode::CannotParseResponse,
+                                  "The registration reply holds no clientId and clientSecret");
+        }
+        self->telloraState_ = failure ? TLRTelloraStateIdle : TLRTelloraStateRegistered;
+        self->setClientID(failure ? std::nullopt : id);
+        self->setClientSecret(failure ? std::nullopt : secret);
+        end(failure);
       });
 }
 
@@ -161,30 +194,35 @@ void TLRTelloraImpl::prepareMessageServiceIfNeededWithConfiguration(
     callback(true);
     return;
   }
-  registerIfNeededWithConfiguration(configuration, [weak = weakSelf_, configuration,
-                                                    callback](const std::optional<TLRError>& error) {
+  registerIfNeededWithConfiguration(configuration, [weak = weakSelf_, configuration, callback](
+                                                       const std::optional<TLRError>& error) {
     auto self = weak.lock();
     if (!self) return;
     if (error) {
       callback(false);
       logf("Tellora: registration error %s", error->description().c_str());
+      self->connectionFailure_ = describeRegistrationFailure(*error);
       self->telloraState_ = TLRTelloraStateIdle;
       const auto status = httpStatusOfFailure(*error);
       if (status && (*status == 801 || *status == 802)) {
         const TLRError refusal = TLRError::make(*status);
         self->searchState_ = TLRSearchStateStopped;
-        if (self->onSearchStopedBlock_) self->onSearchStopedBlock_(refusal);
+        // A copy: the host may start a new search from the callback, which
+        // replaces the stored one.
+        if (auto stopped = self->onSearchStopedBlock_) stopped(refusal);
       }
       return;
     }
     if (!boost::urls::parse_uri(configuration.websocketServerURL)) {
       callback(false);
       logf("Tellora: websocket server URL is invalid");
+      self->connectionFailure_ =
+          "the WebSocket URL is invalid: " + configuration.websocketServerURL;
       return;
     }
-    self->messageService_ = TLRMessageService::create(configuration.websocketServerURL,
-                                                      self->clientID().value_or(""),
-                                                      self->clientSecret().value_or(""));
+    self->messageService_ =
+        TLRMessageService::create(configuration.websocketServerURL, self->clientID().value_or(""),
+                                  self->clientSecret().value_or(""));
     if (self->linkCheckInterval_ != Duration{})
       self->messageService_->setCheckInterval(self->linkCheckInterval_);
     if (self->transportRetryInterval_ != Duration{})
@@ -224,6 +262,8 @@ void TLRTelloraImpl::connect() {
 
 void TLRTelloraImpl::connectionOpened() {
   debugf("Tellora: connection is open");
+  connectionFailure_.reset();
+  resumeAttempts_ = 0;
   telloraState_ = TLRTelloraStateConnected;
   if (!timeSync_) return;
   timeSync_->requestTimeDifference(
@@ -239,15 +279,44 @@ void TLRTelloraImpl::connectionOpened() {
 void TLRTelloraImpl::connectionClosed(const std::optional<TLRError>& error) {
   telloraState_ = TLRTelloraStateDisconnected;
   logf("Tellora: connection closed with error: %s", describe(error).c_str());
+  if (!error && configuration_ && configuration_->resumeSearchAfterClose && isSearching()) {
+    resumeSearchLater();
+    return;
+  }
   stopSearchingWithBlock(nullptr);
   // The host hears of it on a later turn of the loop, searching or not.
   EventLoop::main().post([weak = weakSelf_, error] {
     auto self = weak.lock();
     if (!self) return;
     self->searchState_ = TLRSearchStateStopped;
-    if (self->onSearchStopedBlock_) self->onSearchStopedBlock_(error);
+    if (auto stopped = self->onSearchStopedBlock_) stopped(error);
     self->postSearchStop(error);
   });
+}
+
+// The host asked for searches to survive closes without error. The pause is
+// random so that the clients of a restarted server do not all return at once,
+// and grows while closes repeat. Recording goes on meanwhile.
+void TLRTelloraImpl::resumeSearchLater() {
+  constexpr double kFirstPauseSeconds = 1.0;
+  constexpr double kLongestPauseSeconds = 30.0;
+  const double base = std::min(kLongestPauseSeconds,
+                               kFirstPauseSeconds * std::ldexp(1.0, std::min(resumeAttempts_, 5)));
+  ++resumeAttempts_;
+  thread_local std::minstd_rand random(std::random_device{}());
+  const double pause = base * std::uniform_real_distribution<double>(0.5, 1.5)(random);
+  logf("Tellora: connection closed, resuming the search in %.1f s", pause);
+  searchState_ = TLRSearchStateStarting;
+  needRunSearch_ = true;
+  EventLoop::main().postAfter(
+      std::chrono::duration_cast<Duration>(std::chrono::duration<double>(pause)),
+      [weak = weakSelf_] {
+        auto self = weak.lock();
+        // A stop in the meantime, or a search that reconnected on its own.
+        if (!self || !self->isSearching() || self->telloraState_ != TLRTelloraStateDisconnected)
+          return;
+        self->connect();
+      });
 }
 
 void TLRTelloraImpl::postSearchStop(const std::optional<TLRError>& error) {
@@ -303,7 +372,7 @@ void TLRTelloraImpl::runSearching() {
       auto s = weak.lock();
       if (!s) return;
       center().post(TelloraDidStartSearchNotification);
-      if (s->onSearchStartedBlock_) s->onSearchStartedBlock_();
+      if (auto started = s->onSearchStartedBlock_) started();
     });
     if (!self->messageService_) return;
     const nlohmann::json payload =
@@ -330,9 +399,13 @@ void TLRTelloraImpl::runSearching() {
   });
 }
 
-void TLRTelloraImpl::stopSearching() { stopSearchingWithBlock(onSearchStopedBlock_); }
+void TLRTelloraImpl::stopSearching() {
+  stopSearchingWithBlock(onSearchStopedBlock_);
+}
 
-void TLRTelloraImpl::stopSearchingWithBlock(const TLRTellora::StoppedBlock& callback) {
+// `callback` is a copy: a host that starts a new search from it replaces the
+// stored callback while this one still runs.
+void TLRTelloraImpl::stopSearchingWithBlock(TLRTellora::StoppedBlock callback) {
   logf("Tellora: stoped search");
   center().post(TelloraSearchWillStopNotification);
   if (searchState_ != TLRSearchStateStarting && searchState_ != TLRSearchStateSearching) return;
@@ -341,6 +414,9 @@ void TLRTelloraImpl::stopSearchingWithBlock(const TLRTellora::StoppedBlock& call
   searchState_ = TLRSearchStateStopped;
   if (callback) callback(std::nullopt);
   if (!useAnunimousBuffer_) stopRecordSound();
+  // A search started from the callback found the recorder still running and
+  // left it alone; the stop just ended it, so that search records again here.
+  if (searchState_ == TLRSearchStateSearching && !isRecording_) startRecordSound();
   // needRunSearch stays: a stop before the connection is ready leaves the
   // pending run in place.
 }
@@ -376,7 +452,8 @@ void TLRTelloraImpl::nearbyAddedWithClientID(const std::string& clientID,
   // No duplicate check: a client reported twice is listed and reported twice.
   TLRClient client(std::make_shared<const std::string>(clientID), payloadText(payload));
   nearbyClients_.push_back(client);
-  if (clientFoundBlock_) clientFoundBlock_(client);
+  boundNearbyClients();
+  if (auto found = clientFoundBlock_) found(client);
   center().post(TelloraClientFoundNotification, {{"client", client}});
 }
 
@@ -387,14 +464,40 @@ void TLRTelloraImpl::nearbyRemovedWithClientID(const std::string& clientID) {
   const TLRClient found = *it;
   // Only entries of that very report go; other reports of the same id stay.
   std::erase_if(nearbyClients_, [&](const TLRClient& c) { return c.isEqual(found); });
-  if (clientLostBlock_) clientLostBlock_(found);
+  if (auto lost = clientLostBlock_) lost(found);
   center().post(TelloraClientLostNotification, {{"client", found}});
+}
+
+// A server that repeats found pushes for ever must not grow the list without
+// bound. Past the cap the oldest entry whose id is listed again later goes
+// first (the host has heard of that client since); failing that, the oldest.
+void TLRTelloraImpl::boundNearbyClients() {
+  if (nearbyClients_.size() <= kNearbyClientsLimit) return;
+  auto victim = nearbyClients_.begin();
+  for (auto it = nearbyClients_.begin(); it != nearbyClients_.end(); ++it) {
+    const bool listedAgain =
+        std::any_of(std::next(it), nearbyClients_.end(),
+                    [&](const TLRClient& later) { return later.clientID() == it->clientID(); });
+    if (listedAgain) {
+      victim = it;
+      break;
+    }
+  }
+  debugf("Tellora: nearby list full, dropping %s", victim->clientID().c_str());
+  nearbyClients_.erase(victim);
 }
 
 void TLRTelloraImpl::recordStoppedWithError(const TLRError& error) {
   searchState_ = TLRSearchStateStopped;
-  if (onSearchStopedBlock_) onSearchStopedBlock_(error);
+  if (auto stopped = onSearchStopedBlock_) stopped(error);
   postSearchStop(error);
+}
+
+std::optional<std::string> TLRTelloraImpl::connectionFailure() const {
+  if (messageService_) {
+    if (auto failure = messageService_->lastConnectionFailure()) return failure;
+  }
+  return connectionFailure_;
 }
 
 void TLRTelloraImpl::setTimings(Duration linkCheckInterval, Duration transportRetryInterval,

@@ -47,7 +47,7 @@ class TLRTelloraImpl : public TLRMessageServiceDelegate,
   void startSearchingWithPayload(const std::optional<std::string>& payload);
   void runSearching();
   void stopSearching();
-  void stopSearchingWithBlock(const TLRTellora::StoppedBlock& callback);
+  void stopSearchingWithBlock(TLRTellora::StoppedBlock callback);
   void startRecordSound();
   void stopRecordSound();
 
@@ -74,6 +74,13 @@ class TLRTelloraImpl : public TLRMessageServiceDelegate,
   void setTimings(Duration linkCheckInterval, Duration transportRetryInterval,
                   Duration recorderRetryUnit);
 
+  // Why the SDK could not register or connect, most recent first; nullopt
+  // once the connection opened.
+  std::optional<std::string> connectionFailure() const;
+
+  // The nearby list holds at most this many entries.
+  static constexpr size_t kNearbyClientsLimit = 1024;
+
  private:
   TLRTelloraImpl() = default;
   void init();
@@ -81,6 +88,8 @@ class TLRTelloraImpl : public TLRMessageServiceDelegate,
   void connectionOpened();
   void connectionClosed(const std::optional<TLRError>& error);
   void postSearchStop(const std::optional<TLRError>& error);
+  void resumeSearchLater();
+  void boundNearbyClients();
 
   std::weak_ptr<TLRTelloraImpl> weakSelf_;
   double timeDifference_ = 0;
@@ -103,6 +112,8 @@ class TLRTelloraImpl : public TLRMessageServiceDelegate,
   TLRTellora::ClientBlock clientFoundBlock_;
   TLRTellora::ClientBlock clientLostBlock_;
 
+  std::optional<std::string> connectionFailure_;
+  int resumeAttempts_ = 0;  // closes resumed since the connection last opened
   Duration linkCheckInterval_{};
   Duration transportRetryInterval_{};
 };

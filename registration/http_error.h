@@ -4,7 +4,9 @@
 // Contract:
 // - Every failure of a request has the domain kTLRHTTPErrorDomain.
 // - A response whose status is outside 200-299 fails with code = that status
-//   (e.g. 801, 802, 500). Redirects are not followed, so 3xx fail the same way.
+//   (e.g. 801, 802, 500). Redirects (301, 302, 303, 307, 308 with a Location)
+//   are followed up to five times, never from https to http; any other 3xx, or
+//   one past the limit, fails the same way.
 // - Any other failure has a negative code from TLRHTTPErrorCode (modelled on the
 //   familiar URL-loading codes), e.g. -1004 when nothing listens on the port.
 // - Whenever the response's status line and header arrived, the user info holds

@@ -7,6 +7,8 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
+#include <boost/url/parse.hpp>
+#include <boost/url/url.hpp>
 
 #include <memory>
 #include <optional>
@@ -33,6 +35,36 @@ using tcp = net::ip::tcp;
 constexpr const char* kUserAgent = "Tellora/1.0";
 // Interim 1xx responses (such as 103 Early Hints) skipped before giving up.
 constexpr int kMaxInterimResponses = 8;
+// Redirects followed before the last one counts as the failure it is.
+constexpr int kMaxRedirects = 5;
+
+bool isRedirect(unsigned status) {
+  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+// Where a redirect leads: `location` resolved against `base`. Never from
+// https down to plain http.
+std::optional<std::string> redirectTarget(const std::string& base, std::string_view location) {
+  auto from = boost::urls::parse_uri(base);
+  auto reference = boost::urls::parse_uri_reference(location);
+  if (!from || !reference) return std::nullopt;
+  boost::urls::url target;
+  if (!boost::urls::resolve(*from, *reference, target)) return std::nullopt;
+  if (from->scheme() == "https" && target.scheme() != "https") return std::nullopt;
+  target.remove_fragment();
+  return std::string(target.buffer());
+}
+
+// What one exchange sends: where, how, and what is left of the redirects.
+struct HttpRequestPlan {
+  std::string url;
+  http::verb method = http::verb::post;
+  std::string body;
+  HttpTimeouts timeouts;
+  int redirectsLeft = kMaxRedirects;
+};
+
+void startRequest(net::io_context& context, HttpRequestPlan plan, HttpJsonCompletion completion);
 
 std::string describe(const beast::error_code& ec) {
   return std::string(ec.category().name()) + ":" + std::to_string(ec.value()) + " " + ec.message();
@@ -72,10 +104,12 @@ class Exchange final : public std::enable_shared_from_this<Exchange<Secure>> {
   using Stream =
       std::conditional_t<Secure, beast::ssl_stream<beast::tcp_stream>, beast::tcp_stream>;
 
-  Exchange(net::io_context& context, HttpEndpoint endpoint, std::string body, HttpTimeouts timeouts,
+  Exchange(net::io_context& context, HttpEndpoint endpoint, HttpRequestPlan plan,
            HttpJsonCompletion completion)
-      : endpoint_(std::move(endpoint)),
-        timeouts_(timeouts),
+      : context_(context),
+        endpoint_(std::move(endpoint)),
+        timeouts_(plan.timeouts),
+        plan_(std::move(plan)),
         completion_(std::move(completion)),
         resolver_(context),
         connectDeadline_(context),
@@ -86,15 +120,16 @@ class Exchange final : public std::enable_shared_from_this<Exchange<Secure>> {
     } else {
       stream_ = std::make_unique<Stream>(context);
     }
-    request_.method(http::verb::post);
+    request_.method(plan_.method);
     request_.target(endpoint_.target);
     request_.version(11);
     request_.set(http::field::host, endpoint_.hostHeader);
     request_.set(http::field::user_agent, kUserAgent);
     request_.set(http::field::accept, "application/json");
-    request_.set(http::field::content_type, "application/json");
+    if (plan_.method == http::verb::post)
+      request_.set(http::field::content_type, "application/json");
     request_.keep_alive(false);
-    request_.body() = std::move(body);
+    request_.body() = plan_.body;
     request_.prepare_payload();
   }
 
@@ -211,6 +246,12 @@ class Exchange final : public std::enable_shared_from_this<Exchange<Secure>> {
       return readHeader();
     }
     status_ = status;
+    if (isRedirect(status) && plan_.redirectsLeft > 0) {
+      const auto location = parser_->get()[http::field::location];
+      if (auto target =
+              redirectTarget(plan_.url, std::string_view(location.data(), location.size())))
+        return followRedirect(std::move(*target), status);
+    }
     // The body of a refusal carries nothing the caller reads.
     if (!isSuccess(status)) return fail(makeHTTPStatusError(status));
     if (declaredTooLarge) {
@@ -243,6 +284,23 @@ class Exchange final : public std::enable_shared_from_this<Exchange<Secure>> {
 
   void fail(TLRError error) { finish(std::move(error)); }
 
+  // As the phone platform's HTTP library does: the request goes again to the
+  // new place (an http -> https move, say). 303 means "fetch the result": a
+  // GET without body; the others repeat the POST with its body.
+  void followRedirect(std::string target, unsigned status) {
+    HttpRequestPlan next = plan_;
+    next.url = std::move(target);
+    next.redirectsLeft = plan_.redirectsLeft - 1;
+    if (status == 303) {
+      next.method = http::verb::get;
+      next.body.clear();
+    }
+    auto completion = std::move(completion_);
+    completion_ = nullptr;
+    finish(HttpJsonResponse{});  // closes this exchange; nobody hears of it
+    startRequest(context_, std::move(next), std::move(completion));
+  }
+
   void finish(HttpJsonResult result) {
     if (finished_) return;
     finished_ = true;
@@ -257,8 +315,10 @@ class Exchange final : public std::enable_shared_from_this<Exchange<Secure>> {
     if (completion) completion(std::move(result));
   }
 
+  net::io_context& context_;
   const HttpEndpoint endpoint_;
   const HttpTimeouts timeouts_;
+  const HttpRequestPlan plan_;
   HttpJsonCompletion completion_;
   tcp::resolver resolver_;
   net::steady_timer connectDeadline_;
@@ -274,18 +334,15 @@ class Exchange final : public std::enable_shared_from_this<Exchange<Secure>> {
 };
 
 template <bool Secure>
-void startExchange(net::io_context& context, HttpEndpoint endpoint, std::string body,
-                   HttpTimeouts timeouts, HttpJsonCompletion completion) {
-  auto exchange = std::make_shared<Exchange<Secure>>(context, std::move(endpoint), std::move(body),
-                                                     timeouts, std::move(completion));
+void startExchange(net::io_context& context, HttpEndpoint endpoint, HttpRequestPlan plan,
+                   HttpJsonCompletion completion) {
+  auto exchange = std::make_shared<Exchange<Secure>>(context, std::move(endpoint), std::move(plan),
+                                                     std::move(completion));
   net::post(context, [exchange] { exchange->start(); });
 }
 
-}  // namespace
-
-void postJson(net::io_context& context, const std::string& url, const nlohmann::json& body,
-              HttpJsonCompletion completion, HttpTimeouts timeouts) {
-  auto parsed = parseHttpUrl(url);
+void startRequest(net::io_context& context, HttpRequestPlan plan, HttpJsonCompletion completion) {
+  auto parsed = parseHttpUrl(plan.url);
   if (const auto* code = std::get_if<TLRHTTPErrorCode>(&parsed)) {
     TLRError error = makeHTTPError(*code, *code == TLRHTTPErrorCode::UnsupportedURL
                                               ? "The URL's scheme is not http or https"
@@ -295,17 +352,25 @@ void postJson(net::io_context& context, const std::string& url, const nlohmann::
     });
     return;
   }
-  // Strings that are not valid UTF-8 (from the environment, say) are sent
-  // with replacement characters instead of failing the request.
-  std::string text = body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
   auto& endpoint = std::get<HttpEndpoint>(parsed);
   if (endpoint.secure) {
-    startExchange<true>(context, std::move(endpoint), std::move(text), timeouts,
-                        std::move(completion));
+    startExchange<true>(context, std::move(endpoint), std::move(plan), std::move(completion));
   } else {
-    startExchange<false>(context, std::move(endpoint), std::move(text), timeouts,
-                         std::move(completion));
+    startExchange<false>(context, std::move(endpoint), std::move(plan), std::move(completion));
   }
+}
+
+}  // namespace
+
+void postJson(net::io_context& context, const std::string& url, const nlohmann::json& body,
+              HttpJsonCompletion completion, HttpTimeouts timeouts) {
+  HttpRequestPlan plan;
+  plan.url = url;
+  // Strings that are not valid UTF-8 (from the environment, say) are sent
+  // with replacement characters instead of failing the request.
+  plan.body = body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  plan.timeouts = timeouts;
+  startRequest(context, std::move(plan), std::move(completion));
 }
 
 }  // namespace tellora

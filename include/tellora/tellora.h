@@ -39,6 +39,9 @@ typedef struct tlr_configuration {
   /* Non-zero: the host pushes its own audio with tlr_push_audio() instead of
    * the SDK recording the default microphone. */
   int host_fed_audio;
+  /* Non-zero: a close without error does not end the search, which starts
+   * again by itself (resumeSearchAfterClose in tellora.hpp). */
+  int resume_search_after_close;
 } tlr_configuration;
 
 typedef struct tlr_error {
@@ -88,8 +91,7 @@ typedef struct tlr_notification {
 typedef void (*tlr_notification_fn)(const tlr_notification* notification, void* user);
 
 /* Returns a token for tlr_remove_observer (never 0). */
-TELLORA_EXPORT uint64_t tlr_add_observer(const char* name, tlr_notification_fn handler,
-                                         void* user);
+TELLORA_EXPORT uint64_t tlr_add_observer(const char* name, tlr_notification_fn handler, void* user);
 TELLORA_EXPORT void tlr_remove_observer(uint64_t token);
 /* Posts a notification without user info (e.g. "TelloraPrivateStartLogging"). */
 TELLORA_EXPORT void tlr_post_notification(const char* name);

@@ -7,7 +7,6 @@
 #ifndef TELLORA_TELLORA_HPP
 #define TELLORA_TELLORA_HPP
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -34,6 +33,12 @@ struct TELLORA_EXPORT TLRTelloraConfiguration {
   // Where recorded audio comes from: empty means the default microphone. See
   // tellora/audio_source.h for a file or host-fed source.
   TLRAudioSourceFactory audioSourceFactory;
+  // Off: a connection that closes ends the search (the stopped callback
+  // runs). On: a close without error (a server restarting, a load balancer
+  // moving the client) is not reported; the search starts again by itself
+  // after a short randomised pause, growing from about 1 s to about 30 s while
+  // closes repeat. Closes with an error (3001, 3002) still end the search.
+  bool resumeSearchAfterClose = false;
 };
 
 // Connection state (telloraState).
@@ -78,10 +83,10 @@ class TELLORA_EXPORT TLRTellora {
   // Sets the SDK up with a configuration of the host's own, then connects.
   static void setupWithCustomConfiguration(const TLRTelloraConfiguration& configuration);
 
-  // Starts searching with the host's payload. Each callback replaces the one
-  // given before (an empty one too). The stopped callback gets the error that
-  // ended the search, if any.
-  static void startSearchingWithPayload(const std::string& payload,
+  // Starts searching with the host's payload (none: null is sent). Each
+  // callback replaces the one given before (an empty one too). The stopped
+  // callback gets the error that ended the search, if any.
+  static void startSearchingWithPayload(std::optional<std::string> payload,
                                         StartedBlock onSearchStartedBlock,
                                         ClientBlock onClientFoundBlock, ClientBlock onClientLost,
                                         StoppedBlock onSearchStoppedBlock);
@@ -103,18 +108,18 @@ class TELLORA_EXPORT TLRTellora {
   int64_t telloraState() const;
   int64_t searchState() const;
   double timeDifference() const;  // server clock minus local clock, ms
+  // Why the SDK could not register or connect ("connect: Connection refused",
+  // a certificate that failed verification, ...), while it has not connected
+  // since; nullopt once connected. The SDK keeps retrying on its own: this only
+  // tells a host that waits too long what to show.
+  std::optional<std::string> lastConnectionFailure() const;
 
   // The host application's identifier and version, sent at registration and
   // (the version) as "app_version" when connecting. Set them before setup.
   static void setHostApplication(const std::string& identifier, const std::string& version);
 
-  // For tests: shortens the SDK's timers (link check, transport retry,
-  // recorder retry unit). Zero keeps a value as it is.
-  static void setTimingsForTesting(std::chrono::milliseconds linkCheckInterval,
-                                   std::chrono::milliseconds transportRetryInterval,
-                                   std::chrono::milliseconds recorderRetryUnit);
-
  private:
+  friend struct TLRTelloraAccess;
   TLRTellora();
   std::shared_ptr<TLRTelloraImpl> impl_;
 };

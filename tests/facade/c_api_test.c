@@ -167,10 +167,11 @@ int main(int argc, char** argv) {
   CHECK(strcmp(list.first_id, "peer-1") == 0);
   CHECK(tlr_nearby_clients(NULL, NULL) == 1);
 
+  /* The stop is queued; the query after it waits for it. */
   tlr_stop_search();
+  CHECK(tlr_is_searching() == 0);
   CHECK(read_counter(&state, &state.stopped) == 1);
   CHECK(read_counter(&state, &state.stopped_with_error) == 0);
-  CHECK(tlr_is_searching() == 0);
 
   tlr_remove_observer(observer);
   tlr_disconnect();

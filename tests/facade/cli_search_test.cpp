@@ -31,16 +31,19 @@ class CliSearchTest : public ::testing::Test {
 
   // The search events it printed, in order; speed status lines (which depend
   // on reply timing) left out.
-  std::vector<json> search(std::vector<std::string> extra, int expectedExit) {
-    std::vector<std::string> args = {
-        "search",     "--register-url", registrar_.url("/register"), "--ws-url",
-        match_.url(), "--input",        dir_.file("room.wav")};
+  std::vector<json> search(std::vector<std::string> extra, int expectedExit,
+                           std::string registerUrl = {}, std::string wsUrl = {}) {
+    if (registerUrl.empty()) registerUrl = registrar_.url("/register");
+    if (wsUrl.empty()) wsUrl = match_.url();
+    std::vector<std::string> args = {"search", "--register-url", registerUrl,          "--ws-url",
+                                     wsUrl,    "--input",        dir_.file("room.wav")};
     args.insert(args.end(), {"--app-id", "5", "--app-secret", "cli-secret", "--duration", "3",
                              "--defaults", dir_.file("defaults.json")});
     args.insert(args.end(), extra.begin(), extra.end());
     const auto run = testing::runChild(TELLORA_CLI_PATH, args, {}, dir_.path());
     EXPECT_FALSE(run.timedOut);
     EXPECT_EQ(run.exitCode, expectedExit) << run.err;
+    lastErr_ = run.err;
     std::vector<json> events;
     for (const auto& line : testing::splitLines(run.out)) {
       auto event = json::parse(line, nullptr, false);
@@ -50,6 +53,7 @@ class CliSearchTest : public ::testing::Test {
     return events;
   }
 
+  std::string lastErr_;  // what the last run wrote to stderr
   testtools::ScratchDir dir_;
   testing::HttpTestServer registrar_;
   MatchServer match_;
@@ -77,8 +81,40 @@ TEST_F(CliSearchTest, RefusedRegistrationExitsWithItsCode) {
   const auto events = search({}, 1);
   ASSERT_FALSE(events.empty());
   EXPECT_EQ(events.back(), json::parse(R"({"event":"searchStopped","error":
-                                           {"domain":"com.tellora.quillmark.ErrorDomain","code":801}})"));
+      {"domain":"com.tellora.quillmark.ErrorDomain","code":801,
+       "description":"Error Domain=com.tellora.quillmark.ErrorDomain Code=801"}})"));
   EXPECT_EQ(match_.ws().log().upgrades.size(), 0u);
+}
+
+// Nothing listens where the tool is sent: it gives up after --connect-timeout,
+// says why, and exits 1, whichever of the two endpoints is gone. The first run
+// has --debug, which holds for that run only.
+TEST_F(CliSearchTest, UnreachableServerFailsAfterTheConnectTimeoutWithTheReason) {
+  auto gone = std::make_unique<testing::HttpTestServer>();
+  const std::string port = std::to_string(gone->port());
+  gone.reset();
+  struct Case {
+    std::string registerUrl;
+    std::string wsUrl;
+    std::string reasonStart;
+    bool debug;
+  };
+  const Case cases[] = {
+      {"http://127.0.0.1:" + port + "/register", "", "registration failed", true},
+      {"", "ws://127.0.0.1:" + port + "/ws", "connect: ", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reasonStart);
+    std::vector<std::string> args = {"--connect-timeout", "1"};
+    if (c.debug) args.push_back("--debug");
+    const auto events = search(args, 1, c.registerUrl, c.wsUrl);
+    EXPECT_EQ(lastErr_.find("device info {") != std::string::npos, c.debug) << lastErr_;
+    ASSERT_GE(events.size(), 2u);
+    EXPECT_EQ(events.front()["event"], "connectFailed");
+    EXPECT_EQ(events.front()["reason"].get<std::string>().rfind(c.reasonStart, 0), 0u)
+        << events.front();
+    EXPECT_EQ(events.back()["event"], "searchStopped");
+  }
 }
 
 }  // namespace

@@ -72,9 +72,14 @@ TEST_F(RegistrationTest, StoredIdWithoutSecretRegistersAgain) {
   EXPECT_EQ(match_.ws().log().upgrades.at(0).header("clientId"), kClientID);
 }
 
-TEST_F(RegistrationTest, ServerErrorIsOnlyLoggedAndDropsStoredId) {
+// A server error and a reply without an identity fail alike: logged only, the
+// stored id dropped, no connection; the next search registers again.
+class RegistrationFailureTest : public FacadeTest,
+                                public ::testing::WithParamInterface<HttpReply> {};
+
+TEST_P(RegistrationFailureTest, IsOnlyLoggedDropsStoredIdAndTheNextSearchRegistersAgain) {
   storeIdentity("stale-id", std::nullopt);
-  registrar_.setReply(HttpReply::json(500, R"({"error":"boom"})"));
+  registrar_.setReply(GetParam());
   createFacade();
   // A search asked for before setup is waiting for the connection.
   startSearch("payload");
@@ -87,7 +92,20 @@ TEST_F(RegistrationTest, ServerErrorIsOnlyLoggedAndDropsStoredId) {
   EXPECT_EQ(events_->countOf("stopped") + events_->countOf(TelloraSearchStopNotification), 0u);
   EXPECT_FALSE(UserDefaults(defaultsFile()).stringForKey(UDClientID).has_value());
   EXPECT_EQ(match_.ws().log().upgrades.size(), 0u);
+
+  registrar_.setReply(HttpReply::json(
+      200, nlohmann::json({{"clientId", kClientID}, {"clientSecret", "s"}}).dump()));
+  onLoop([&] { facade_->stopSearching(); });
+  startSearch("again");
+  ASSERT_TRUE(waitUntilConnected());
+  EXPECT_EQ(registrar_.requests().size(), 2u);
+  EXPECT_EQ(match_.ws().log().upgrades.at(0).header("clientId"), kClientID);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, RegistrationFailureTest,
+    ::testing::Values(HttpReply::json(500, R"({"error":"boom"})"), HttpReply::json(200, "{}"),
+                      HttpReply::json(200, R"({"clientId":"half","clientSecret":""})")));
 
 class RegistrationRefusalTest : public FacadeTest, public ::testing::WithParamInterface<int> {};
 
@@ -152,6 +170,30 @@ TEST_F(ConnectionCloseTest, NormalCloseReportsNoErrorAndTheNextSearchReopensWith
   EXPECT_EQ(searchState(), TLRSearchStateSearching);
   // The clock was measured again on the new connection before the search ran.
   EXPECT_EQ(match_.requestsOfType(3).size(), 10u);
+}
+
+// Opted in, a host does not notice a server that closes without error (a
+// restart, a move to another node): the search comes back by itself. A close
+// with an error still ends it.
+TEST_F(ConnectionCloseTest, ResumeOptInRestartsTheSearchAfterACloseWithoutError) {
+  auto config = configuration();
+  config.resumeSearchAfterClose = true;
+  setUpFacade(config);
+  ASSERT_TRUE(waitUntilConnected());
+  startSearch("resumed");
+  ASSERT_TRUE(match_.waitForRequestsOfType(2, 1));
+
+  match_.ws().closeConnections(1000);
+  ASSERT_TRUE(match_.waitForRequestsOfType(2, 2, 5s));
+  EXPECT_EQ(match_.requestsOfType(1).back()["data"], "resumed");
+  EXPECT_EQ(events_->countOf("stopped") + events_->countOf(TelloraSearchStopNotification), 0u);
+  EXPECT_EQ(searchState(), TLRSearchStateSearching);
+  EXPECT_TRUE(onLoop([&] { return facade_->isRecording(); }));
+
+  match_.ws().closeConnections(3001);
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf("stopped") == 1; }));
+  EXPECT_EQ(events_->named("stopped").at(0).error, TLRError::make(3001));
+  EXPECT_EQ(searchState(), TLRSearchStateStopped);
 }
 
 TEST_F(ConnectionCloseTest, CloseWhileNotSearchingStillTellsHost) {

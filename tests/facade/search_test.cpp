@@ -160,6 +160,21 @@ TEST_F(FingerprintTest, SentWithStartOnServerClockAndOffsetAsEndUntilTheStop) {
 
 using NearbyTest = FacadeTest;
 
+// A server repeating found pushes for ever: the list stays bounded, dropping
+// the oldest entries of clients listed again, and the newest stay.
+TEST_F(NearbyTest, RepeatedPushesKeepTheListBounded) {
+  startSearchAndWait();
+  onLoop([&] {
+    facade_->nearbyAddedWithClientID("once", "first");
+    for (size_t i = 0; i < TLRTelloraImpl::kNearbyClientsLimit + 500; ++i)
+      facade_->nearbyAddedWithClientID("echo", std::to_string(i));
+  });
+  const auto listed = nearbyClients();
+  ASSERT_EQ(listed.size(), TLRTelloraImpl::kNearbyClientsLimit);
+  EXPECT_EQ(listed.front().clientID(), "once");
+  EXPECT_EQ(listed.back().payload(), std::to_string(TLRTelloraImpl::kNearbyClientsLimit + 499));
+}
+
 TEST_F(NearbyTest, SameClientIsListedPerPushAndLostOnceUnknownLostIgnored) {
   startSearchAndWait();
   match_.pushFound("twin", "a");
@@ -211,6 +226,35 @@ TEST_F(StopTest, CallsStoppedCallbackOnceAndAnnouncesEveryTime) {
   EXPECT_EQ(events_->countOf(TelloraSearchWillStopNotification), 2u);
 }
 
+// The stopped callback that starts the next search, as hosts do: it replaces
+// itself while it runs, and the new search begins before the stop has ended
+// the recorder.
+TLRTellora::StoppedBlock restartingCallback(TLRTelloraImpl* facade, std::shared_ptr<int> restarts) {
+  return [facade, restarts](const std::optional<TLRError>&) {
+    facade->setHostCallbacks(nullptr, nullptr, nullptr, restartingCallback(facade, restarts));
+    facade->startSearchingWithPayload("again");
+    ++*restarts;  // the closure is still in use after the replacement
+  };
+}
+
+TEST_F(StopTest, SearchRestartedFromTheStopCallbackKeepsRecording) {
+  startSearchAndWait();
+  auto restarts = std::make_shared<int>(0);
+  onLoop([&] {
+    facade_->setHostCallbacks(nullptr, nullptr, nullptr,
+                              restartingCallback(facade_.get(), restarts));
+  });
+  for (int round = 0; round < 1000; ++round)
+    onLoop([&] { facade_->stopSearching(); });
+
+  EXPECT_EQ(onLoop([&] { return *restarts; }), 1000);
+  EXPECT_EQ(searchState(), TLRSearchStateSearching);
+  EXPECT_TRUE(onLoop([&] { return facade_->isRecording() && facade_->recorder()->isRec(); }));
+  const size_t sent = match_.requestsOfType(4).size();
+  feedAudio(1.2, monotonicTicks());
+  EXPECT_TRUE(match_.waitForRequestsOfType(4, sent + 1));
+}
+
 TEST_F(StopTest, AnonymousBufferKeepsRecorderRunningAcrossStop) {
   // Shared with the observer, which outlives the test if an assertion ends it early.
   auto recorderStarts = std::make_shared<std::atomic<int>>(0);
@@ -220,6 +264,7 @@ TEST_F(StopTest, AnonymousBufferKeepsRecorderRunningAcrossStop) {
                          [recorderStarts](const TLRNotification&) { ++*recorderStarts; });
   createFacade();
   center.post("TelloraPrivateStartUseAnonimousBuffer");
+  EventLoop::main().drain();  // the switch is queued on the loop, not waited for
   EXPECT_EQ(sandbox_.countLog("Tellora: AnonimousBuffer turn on"), 1u);
 
   startSearchAndWait();
@@ -234,6 +279,7 @@ TEST_F(StopTest, AnonymousBufferKeepsRecorderRunningAcrossStop) {
   EXPECT_EQ(*recorderStarts, 1);  // the running recorder was not started again
 
   center.post("TelloraPrivateStopUseAnonimousBuffer");
+  EventLoop::main().drain();
   EXPECT_EQ(sandbox_.countLog("Tellora: AnonimousBuffer turn off"), 1u);
   onLoop([&] { facade_->stopSearching(); });
   EXPECT_FALSE(onLoop([&] { return facade_->isRecording() || facade_->recorder()->isRec(); }));

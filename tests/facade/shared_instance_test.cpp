@@ -3,7 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
 
+#include "facade/tellora_access.h"
+#include "facade/tellora_impl.h"
 #include "runtime/event_loop.h"
 #include "tellora/host_fed_audio.h"
 #include "tellora/tellora.hpp"
@@ -38,13 +43,14 @@ TEST(SharedInstanceTest, HostDrivesSearchThroughStaticEntryPoints) {
   auto audio = TLRHostFedAudio::create();
 
   TLRTellora::setHostApplication("com.example.shared", "9.9");
-  TLRTellora::setTimingsForTesting(0ms, 200ms, 50ms);
+  EventLoop::main().call(
+      [] { TLRTelloraAccess::impl(TLRTellora::sharedInstance())->setTimings(0ms, 200ms, 50ms); });
   TLRTellora::setupWithCustomConfiguration(
       {registrar.url("/register"), match.url(), 11, "custom-key", audio->sourceFactory()});
-  EXPECT_EQ(sandbox.countLog("Tellora: set custom configuration is OK"), 1u);
   // The first configuration wins: neither of these changes where it goes.
   TLRTellora::setupWithApiKey("ignored-key");
   TLRTellora::setupWithCustomConfiguration(TLRTelloraConfiguration{});
+  EventLoop::main().drain();  // setting up is queued, not waited for
   EXPECT_EQ(sandbox.countLog("Tellora: set custom configuration is OK"), 2u);
 
   auto& tellora = TLRTellora::sharedInstance();
@@ -82,18 +88,21 @@ TEST(SharedInstanceTest, HostDrivesSearchThroughStaticEntryPoints) {
   // Counters are shared: the instance keeps its callbacks after the test.
   auto blockCalls = std::make_shared<std::atomic<int>>(0);
   TLRTellora::stopSearchingWithStoppedBlock([blockCalls] { ++*blockCalls; });
+  EXPECT_FALSE(tellora.isSearching());  // queries wait for the calls queued before them
   EXPECT_EQ(*blockCalls, 1);
   EXPECT_EQ(host->count("stopped"), 0u);
-  EXPECT_FALSE(tellora.isSearching());
 
-  // A second search replaces the callbacks; stopSearch calls the new one.
+  // A second search, without payload, replaces the callbacks; stopSearch
+  // calls the new one.
   match.pushAfterNearbyRequest({});
   auto secondStops = std::make_shared<std::atomic<int>>(0);
   TLRTellora::startSearchingWithPayload(
-      "second", nullptr, nullptr, nullptr,
+      std::nullopt, nullptr, nullptr, nullptr,
       [secondStops](const std::optional<TLRError>& e) { *secondStops += e ? 100 : 1; });
   ASSERT_TRUE(match.waitForRequestsOfType(2, 2));
+  EXPECT_TRUE(match.requestsOfType(1).at(1)["data"].is_null());
   TLRTellora::stopSearch();
+  EventLoop::main().drain();
   EXPECT_EQ(*secondStops, 1);
   EXPECT_EQ(host->count("stopped"), 0u);
 
@@ -105,6 +114,32 @@ TEST(SharedInstanceTest, HostDrivesSearchThroughStaticEntryPoints) {
   }));
   EXPECT_EQ(tellora.nearbyClients().size(), 1u);
   EXPECT_EQ(host->count("lost peer"), 0u);
+
+  // Host threads that stop and start while holding a lock that the callbacks
+  // take: the calls are queued, so nobody waits for anybody.
+  auto hostLock = std::make_shared<std::mutex>();
+  auto underLock = [hostLock] { std::lock_guard lock(*hostLock); };
+  std::vector<std::thread> hostThreads;
+  for (int t = 0; t < 2; ++t) {
+    hostThreads.emplace_back([&] {
+      for (int i = 0; i < 100; ++i) {
+        std::lock_guard lock(*hostLock);
+        TLRTellora::stopSearch();
+        TLRTellora::startSearchingWithPayload(
+            "threads", underLock, [underLock](const TLRClient&) { underLock(); },
+            [underLock](const TLRClient&) { underLock(); },
+            [underLock](const std::optional<TLRError>&) { underLock(); });
+      }
+    });
+  }
+  for (auto& thread : hostThreads)
+    thread.join();
+  EXPECT_TRUE(tellora.isSearching());
+  const size_t sent = match.requestsOfType(4).size();
+  const std::vector<int16_t> block(800, 1000);
+  for (int i = 0; i < 12; ++i)
+    audio->push(block.data(), static_cast<uint32_t>(block.size()));
+  EXPECT_TRUE(waitUntil([&] { return match.requestsOfType(4).size() > sent; }));
 
   TLRTellora::disconnect();
   EXPECT_TRUE(match.ws().waitForEndedConnections(1));

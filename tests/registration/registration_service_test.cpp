@@ -141,6 +141,44 @@ TEST_F(RegistrationReplyTest, FailingAnswersGiveTheirError) {
   }
 }
 
+// Moved endpoints are followed as the phone platform's HTTP library does: the
+// POST goes again with its body (303: a GET), a loop ends in its own status.
+TEST_F(RegistrationReplyTest, RedirectsAreFollowedWithinALimit) {
+  const std::string absolute = server_->url("/register");
+  server_->setHandler([absolute](const HttpRequestRecord& request) {
+    auto redirect = [](unsigned status, std::string location) {
+      HttpReply reply = HttpReply::json(status, "");
+      reply.headers.push_back({"Location", std::move(location)});
+      return reply;
+    };
+    if (request.target == "/moved") return redirect(301, absolute);
+    if (request.target == "/temporary") return redirect(307, "register#ignored");
+    if (request.target == "/see-other") return redirect(303, "/register");
+    if (request.target == "/loop") return redirect(308, "/loop");
+    return HttpReply::json(200, kIdentityReply);
+  });
+  struct Case {
+    const char* path;
+    const char* secondMethod;
+  };
+  for (const Case& c :
+       {Case{"/moved", "POST"}, Case{"/temporary", "POST"}, Case{"/see-other", "GET"}}) {
+    SCOPED_TRACE(c.path);
+    const size_t before = server_->requests().size();
+    const auto outcome = registerAt(server_->url(c.path));
+    EXPECT_EQ(outcome.clientID, "a");
+    EXPECT_FALSE(outcome.error);
+    const auto requests = server_->requests();
+    ASSERT_EQ(requests.size(), before + 2);
+    EXPECT_EQ(requests.back().target, "/register");
+    EXPECT_EQ(requests.back().method, c.secondMethod);
+    EXPECT_EQ(requests.back().body.empty(), std::string(c.secondMethod) == "GET");
+  }
+  const size_t before = server_->requests().size();
+  expectFailure(registerAt(server_->url("/loop")), 308, 308);
+  EXPECT_EQ(server_->requests().size(), before + 6);  // the first and five redirects
+}
+
 TEST_F(RegistrationReplyTest, HangUpOrServerGoneGivesAnErrorWithoutStatus) {
   expectFailure(registerAnswering(HttpReply::hangUpAfter(20ms)),
                 TLRHTTPErrorCode::NetworkConnectionLost);
