@@ -1,5 +1,7 @@
 // tellora compare: where a short recording sits inside a long one.
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -14,12 +16,20 @@ namespace {
 
 constexpr int kCompareRate = 8000;
 constexpr uint32_t kNoAlignment = 0xFFFFFFFFu;
+// The exit status of a comparison that found no match (1 and 2 are errors).
+constexpr int kNoMatchStatus = 3;
 
 struct CompareOptions {
   std::string shortPath;
   std::string longPath;
   uint32_t blockSize = 16;
   float threshold = 0.35f;
+  // The confidence is 0.5 · (1 + close − far), close and far being the
+  // blocks' summed similarity on either side of the threshold. Above 0.5 the
+  // close blocks outweigh the far ones; unrelated sound has no close block
+  // at all and stays at or below 0.5, whatever it is.
+  float minConfidence = 0.5f;
+  bool json = false;
 };
 
 CLI::Validator unitInterval() {
@@ -63,8 +73,20 @@ void compare(const CompareOptions& options) {
     throw InputError("no alignment of " + options.shortPath + " inside " + options.longPath +
                      " could be scored");
   }
-  std::printf("offset %.3f s\n", static_cast<double>(get_offset_secs(kCompareRate, bestIndex)));
-  std::printf("confidence %.4f\n", static_cast<double>(confidence));
+  const double offset = get_offset_secs(kCompareRate, bestIndex);
+  const bool match = confidence > options.minConfidence;
+  if (options.json) {
+    const nlohmann::json verdict = {
+        {"offset", std::round(offset * 1000) / 1000},
+        {"confidence", std::round(static_cast<double>(confidence) * 10000) / 10000},
+        {"match", match}};
+    std::printf("%s\n", verdict.dump().c_str());
+  } else {
+    std::printf("offset %.3f s\n", offset);
+    std::printf("confidence %.4f\n", static_cast<double>(confidence));
+    std::printf("%s\n", match ? "match" : "no match");
+  }
+  if (!match) throw CommandExit{kNoMatchStatus};
 }
 
 }  // namespace
@@ -83,12 +105,21 @@ void addCompareCommand(CLI::App& app) {
                    "Block distance up to which a block counts as close")
       ->check(unitInterval())
       ->capture_default_str();
+  command
+      ->add_option("--min-confidence", options->minConfidence,
+                   "Confidence above which the files match (0.5: close blocks outweigh far ones)")
+      ->check(unitInterval())
+      ->capture_default_str();
+  command->add_flag("--json", options->json, "One JSON object instead of plain text");
   command->footer(
-      "Both files are mixed to mono and hashed at 8000 Hz. Output, two lines: the start of\n"
-      "SHORT inside LONG in seconds (3 decimals; one hash word is 0.008 s) and the\n"
-      "confidence of that alignment (4 decimals, 0 to 1, higher is better):\n"
+      "Both files are mixed to mono and hashed at 8000 Hz. Output, three lines: the start of\n"
+      "SHORT inside LONG in seconds (3 decimals; one hash word is 0.008 s), the confidence\n"
+      "of that alignment (4 decimals, 0 to 1, higher is better) and the verdict:\n"
       "  offset 1.000 s\n"
-      "  confidence 0.9812");
+      "  confidence 0.9812\n"
+      "  match\n"
+      "With --json: {\"confidence\":0.9812,\"match\":true,\"offset\":1.0}\n"
+      "Exit status: 0 for a match, 3 for no match, 1 or 2 for bad input.");
   command->callback([options] { compare(*options); });
 }
 

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "audio/file/file_audio_source.h"
+#include "runtime/log.h"
 #include "runtime/user_defaults.h"
 #include "tellora/tellora.hpp"
 #include "tools/commands.h"
@@ -36,6 +37,7 @@ struct SearchOptions {
   std::string appVersion;
   bool debug = false;
   int restartOnStop = 0;
+  double connectTimeout = 15;
 };
 
 // What the SDK's threads tell the waiting main thread.
@@ -43,6 +45,7 @@ struct SearchEvents {
   std::mutex mutex;
   std::condition_variable changed;
   int stops = 0;
+  int starts = 0;
   bool lastStopFailed = false;
 };
 
@@ -78,7 +81,15 @@ int search(const SearchOptions& o) {
   if (!o.defaults.empty()) UserDefaults::setStandardPath(o.defaults);
   TLRTellora::setHostApplication("tellora", o.appVersion.empty() ? "unknown" : o.appVersion);
   auto& center = TLRNotificationCenter::defaultCenter();
-  if (o.debug) center.post("TelloraPrivateStartLogging");
+  // The switch is persistent: it follows --debug in every run, so one run with
+  // it does not leave the next ones talkative. The instance must exist first,
+  // or nobody observes the notification.
+  TLRTellora::sharedInstance();
+  if (o.debug) {
+    center.post("TelloraPrivateStartLogging");
+  } else if (debugEnabled()) {
+    center.post("TelloraPrivateStopLogging");
+  }
   center.addObserver(TLRTelloraNetworkSpeedStatusChanged, [](const TLRNotification& n) {
     auto status = n.userInfo.find("speedStatus");
     const auto* text =
@@ -89,7 +100,10 @@ int search(const SearchOptions& o) {
   auto events = std::make_shared<SearchEvents>();
   auto onStopped = [events](const std::optional<TLRError>& error) {
     nlohmann::json event = {{"event", "searchStopped"}, {"error", nullptr}};
-    if (error) event["error"] = {{"domain", error->domain}, {"code", error->code}};
+    if (error) {
+      event["error"] = {
+          {"domain", error->domain}, {"code", error->code}, {"description", error->description()}};
+    }
     emit(event);
     std::lock_guard<std::mutex> lock(events->mutex);
     ++events->stops;
@@ -114,8 +128,11 @@ int search(const SearchOptions& o) {
   auto startSearch = [&] {
     TLRTellora::startSearchingWithPayload(
         o.payload,
-        [] {
+        [events] {
           emit({{"event", "searchStarted"}});
+          std::lock_guard<std::mutex> lock(events->mutex);
+          ++events->starts;
+          events->changed.notify_all();
         },
         [](const TLRClient& c) { emit(clientEvent("clientFound", c)); },
         [](const TLRClient& c) { emit(clientEvent("clientLost", c)); }, onStopped);
@@ -132,6 +149,13 @@ int search(const SearchOptions& o) {
   // A stop the SDK makes by itself (a dropped connection, a failed recorder)
   // is answered with a new search, as a host app would, up to --restart-on-stop times.
   int restartsLeft = o.restartOnStop;
+  // Each start must reach "searchStarted" within --connect-timeout; the SDK
+  // itself retries for ever, so the tool gives up and says why.
+  const auto connectTimeout =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(o.connectTimeout));
+  auto connectDeadline = Clock::now() + connectTimeout;
+  int startsExpected = 1;
+  bool connectFailed = false;
   {
     std::unique_lock<std::mutex> lock(events->mutex);
     int stopsAnswered = 0;
@@ -139,6 +163,8 @@ int search(const SearchOptions& o) {
       if (events->stops > stopsAnswered && restartsLeft > 0) {
         stopsAnswered = events->stops;
         --restartsLeft;
+        startsExpected = events->starts + 1;
+        connectDeadline = Clock::now() + connectTimeout;
         lock.unlock();
         emit({{"event", "searchRestarting"}});
         startSearch();
@@ -146,8 +172,19 @@ int search(const SearchOptions& o) {
         continue;
       }
       if (o.duration <= 0 && events->stops > stopsAnswered) break;
+      if (events->starts < startsExpected && Clock::now() >= connectDeadline) {
+        connectFailed = true;
+        break;
+      }
       events->changed.wait_for(lock, std::chrono::milliseconds(50));
     }
+  }
+  if (connectFailed) {
+    const std::string reason =
+        TLRTellora::sharedInstance().lastConnectionFailure().value_or("the server did not answer");
+    emit({{"event", "connectFailed"}, {"reason", reason}});
+    std::fprintf(stderr, "tellora: could not connect within %g s: %s\n", o.connectTimeout,
+                 reason.c_str());
   }
 
   // Stop and give the stop up to a second to settle.
@@ -163,7 +200,8 @@ int search(const SearchOptions& o) {
                              [&] { return events->stops > stopsBefore; });
   }
   std::lock_guard<std::mutex> lock(events->mutex);
-  return events->lastStopFailed ? 1 : 0;
+  const bool neverStarted = events->starts == 0;
+  return events->lastStopFailed || neverStarted || connectFailed ? 1 : 0;
 }
 
 }  // namespace
@@ -174,8 +212,9 @@ void addSearchCommand(CLI::App& app) {
       "search",
       "Search for nearby devices that hear the same sound. Prints one JSON object per line on "
       "stdout for every event (searchStarted, clientFound, clientLost, searchStopped, "
-      "speedStatus, searchRestarting). Exit status 0 after a stop without error, 1 after a stop "
-      "with an error.");
+      "speedStatus, searchRestarting, connectFailed). Exit status 0 after a stop without error, 1 "
+      "after a stop with an error, when the search never started or when connecting took longer "
+      "than --connect-timeout.");
   auto* apiKey = cmd->add_option("--api-key", o->apiKey, "Use the default endpoints with this key");
   auto* reg = cmd->add_option("--register-url", o->registerUrl, "Registration endpoint URL");
   auto* ws = cmd->add_option("--ws-url", o->wsUrl, "WebSocket endpoint URL (ws:// or wss://)");
@@ -194,6 +233,9 @@ void addSearchCommand(CLI::App& app) {
   cmd->add_option("--defaults", o->defaults, "User-defaults file for this run");
   cmd->add_option("--app-version", o->appVersion, "Host application version sent to the server");
   cmd->add_flag("--debug", o->debug, "Turn the SDK's debug logging on");
+  cmd->add_option("--connect-timeout", o->connectTimeout,
+                  "Give up when a search has not started after this many seconds (default 15)")
+      ->check(CLI::PositiveNumber);
   cmd->add_option("--restart-on-stop", o->restartOnStop,
                   "Start the search again after a stop the SDK made by itself, up to N times")
       ->check(CLI::NonNegativeNumber);

@@ -29,6 +29,7 @@ int fail(std::string message, int status) {
 int main(int argc, char** argv) {
   CLI::App app{"Find nearby devices by the sound they hear, and work with audio hashes.",
                "tellora"};
+  app.set_version_flag("--version", "tellora " TELLORA_VERSION);
   app.require_subcommand(1);
   using Registration = void (*)(CLI::App&);
   for (Registration addCommand :

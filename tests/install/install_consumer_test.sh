@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# install_consumer_test.sh BUILD_DIR CONSUMER_SRC WORK_DIR
+# install_consumer_test.sh BUILD_DIR CONSUMER_SRC WORK_DIR EXAMPLES_SRC
 set -euo pipefail
-build=$1 src=$2 work=$3
+build=$1 src=$2 work=$3 examples=$4
 rm -rf "$work" && mkdir -p "$work"
 prefix=$work/prefix
 
@@ -24,9 +24,15 @@ cmake --build "$work/cmake-build" >/dev/null
 "$work/cmake-build/consumer_cpp"
 "$work/cmake-build/consumer_c"
 
-# pkg-config, plain C compiler
+# The examples the README points hosts at: a project of their own.
+cmake -S "$examples" -B "$work/examples-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/examples-build" >/dev/null
+
+# pkg-config, plain compilers
 export PKG_CONFIG_PATH=$(dirname "$lib")/pkgconfig
 cc -std=c99 -Wall -Werror ${CFLAGS:-} "$src/consumer.c" $(pkg-config --cflags --libs tellora) \
    ${LDFLAGS:-} -Wl,-rpath,"$(dirname "$lib")" -o "$work/consumer_pkgconfig"
 "$work/consumer_pkgconfig"
+c++ -std=c++20 -Wall -Werror ${CXXFLAGS:-} "$examples/cpp_host.cpp" \
+   $(pkg-config --cflags --libs tellora) ${LDFLAGS:-} -o "$work/example_pkgconfig"
 echo "install consumer: ok"

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
+#include <nlohmann/json.hpp>
 #include <regex>
 
 #include "tests/tools/test_audio.h"
@@ -13,7 +14,10 @@ namespace {
 struct Match {
   double offsetSeconds = -1.0;
   double confidence = -1.0;
+  bool match = false;
 };
+
+constexpr int kNoMatch = 3;
 
 class CompareCommandTest : public ::testing::Test {
  protected:
@@ -32,19 +36,29 @@ class CompareCommandTest : public ::testing::Test {
             long_.begin() + static_cast<ptrdiff_t>(first + count)};
   }
 
+  // The plain and the JSON output must agree, and the exit status must
+  // follow the verdict.
   Match compare(const std::vector<std::string>& args) {
     std::vector<std::string> full{"compare"};
     full.insert(full.end(), args.begin(), args.end());
     const ToolRun run = runTool(full);
-    EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(run.err, "");
-    const std::regex format("offset (\\d+\\.\\d{3}) s\nconfidence (-?\\d+\\.\\d{4})\n");
+    const std::regex format(
+        "offset (\\d+\\.\\d{3}) s\nconfidence (-?\\d+\\.\\d{4})\n(match|no match)\n");
     std::smatch parts;
     if (!std::regex_match(run.out, parts, format)) {
       ADD_FAILURE() << "unexpected output: " << run.out;
       return {};
     }
-    return {std::stod(parts[1]), std::stod(parts[2])};
+    const Match plain{std::stod(parts[1]), std::stod(parts[2]), parts[3] == "match"};
+    EXPECT_EQ(run.exitCode, plain.match ? 0 : kNoMatch) << run.err;
+
+    full.push_back("--json");
+    const auto json = nlohmann::json::parse(runTool(full).out, nullptr, false);
+    EXPECT_EQ(json, nlohmann::json({{"offset", plain.offsetSeconds},
+                                    {"confidence", plain.confidence},
+                                    {"match", plain.match}}));
+    return plain;
   }
 
   ScratchDir dir_;
@@ -83,13 +97,17 @@ TEST_F(CompareCommandTest, FileAgainstItselfMatchesAtTheStart) {
   EXPECT_GT(match.confidence, 0.95);
 }
 
-TEST_F(CompareCommandTest, UnrelatedSoundScoresBelowTheTrueExcerpt) {
-  std::vector<float> other = testaudio::renderChord(8000, 40.0, 1.5);
-  writeMono("other.wav", other, 8000);
+TEST_F(CompareCommandTest, UnrelatedSoundAndSilenceDoNotMatch) {
+  writeMono("other.wav", testaudio::renderChord(8000, 40.0, 1.5), 8000);
+  writeMono("silence.wav", std::vector<float>(12000, 0.0f), 8000);
   writeMono("cut.wav", excerpt(16000, 12000), 8000);
-  const Match unrelated = compare({dir_.file("other.wav"), dir_.file("long.wav")});
   const Match related = compare({dir_.file("cut.wav"), dir_.file("long.wav")});
-  EXPECT_LT(unrelated.confidence + 0.2, related.confidence);
+  EXPECT_TRUE(related.match);
+  for (const char* name : {"other.wav", "silence.wav"}) {
+    const Match unrelated = compare({dir_.file(name), dir_.file("long.wav")});
+    EXPECT_FALSE(unrelated.match) << name;
+    EXPECT_LT(unrelated.confidence + 0.2, related.confidence) << name;
+  }
 }
 
 TEST_F(CompareCommandTest, OptionsReachTheComparison) {

@@ -4,6 +4,7 @@
 
 #include <bit>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <regex>
 
 #include "audio/file/audio_file_reader.h"
@@ -96,6 +97,19 @@ TEST_F(HashCommandTest, TogglesFollowEachWordWithTheAskedNumberOfBits) {
       const auto mask = static_cast<uint32_t>(std::stoul(line.substr(9), nullptr, 16));
       ASSERT_EQ(std::popcount(mask), bits) << line;
     }
+  }
+}
+
+TEST_F(HashCommandTest, JsonCarriesTheSameWordsAndToggles) {
+  const auto plain = splitLines(hashOk({"--toggles", "3", dir_.file("mix.wav")}).out);
+  const auto json = splitLines(hashOk({"--toggles", "3", "--json", dir_.file("mix.wav")}).out);
+  ASSERT_EQ(json.size(), plain.size());
+  for (size_t i = 0; i < json.size(); ++i) {
+    const auto object = nlohmann::json::parse(json[i], nullptr, false);
+    ASSERT_EQ(object,
+              nlohmann::json(
+                  {{"index", i}, {"word", plain[i].substr(0, 8)}, {"toggles", plain[i].substr(9)}}))
+        << json[i];
   }
 }
 

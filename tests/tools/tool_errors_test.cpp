@@ -109,13 +109,16 @@ TEST_F(ToolErrorTest, UsageMistakes) {
   expectFailure({"unmix", dir_.file("sound.wav")}, kUsageError);
 }
 
-TEST_F(ToolErrorTest, HelpIsNotAnError) {
+TEST_F(ToolErrorTest, HelpAndVersionAreNotErrors) {
   for (const char* command : {"hash", "compare"}) {
     const ToolRun run = runTool({command, "--help"});
     EXPECT_EQ(run.exitCode, 0);
     EXPECT_NE(run.out.find(std::string("tellora ") + command), std::string::npos) << run.out;
   }
   EXPECT_NE(runTool({"compare", "--help"}).out.find("offset 1.000 s"), std::string::npos);
+  const ToolRun version = runTool({"--version"});
+  EXPECT_EQ(version.exitCode, 0);
+  EXPECT_EQ(version.out, "tellora " TELLORA_VERSION "\n");
 }
 
 }  // namespace
