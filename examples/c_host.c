@@ -1,5 +1,7 @@
-/* A minimal C host: set up, search for ten seconds, print who is nearby. */
+/* A minimal C host: set up, search for ten seconds (or
+ * $TELLORA_EXAMPLE_SECONDS), print who is nearby. */
 #include <stdio.h>
+#include <stdlib.h>
 #include <tellora/tellora.h>
 #include <unistd.h>
 
@@ -28,7 +30,8 @@ int main(void) {
   tlr_set_host_application("com.example.c-host", "1.0");
   tlr_setup_with_api_key("demo-key");
   tlr_start_searching("hello from C", started, found, lost, stopped, NULL);
-  sleep(10);
+  const char* seconds = getenv("TELLORA_EXAMPLE_SECONDS");
+  sleep(seconds ? (unsigned)atoi(seconds) : 10u);
   printf("%zu nearby\n", tlr_nearby_clients(NULL, NULL));
   tlr_stop_search();
   return 0;

@@ -1,10 +1,11 @@
-// A minimal C++ host: set up, search for ten seconds, print who is nearby.
-//
-//   cpp_host [WS_HOST]        (default endpoints on 127.0.0.1, or TELLORA_SERVER_HOST)
+// A minimal C++ host: set up, search for ten seconds (or
+// $TELLORA_EXAMPLE_SECONDS), print who is nearby. The default endpoints are
+// on 127.0.0.1:10000, or on $TELLORA_SERVER_HOST.
 #include <tellora/tellora.hpp>
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <thread>
 
 int main() {
@@ -21,7 +22,8 @@ int main() {
         std::printf("search stopped%s%s\n", error ? ": " : "",
                     error ? error->description().c_str() : "");
       });
-  std::this_thread::sleep_for(std::chrono::seconds(10));
+  const char* seconds = std::getenv("TELLORA_EXAMPLE_SECONDS");
+  std::this_thread::sleep_for(std::chrono::seconds(seconds ? std::atoi(seconds) : 10));
   std::printf("%zu nearby\n", TLRTellora::sharedInstance().nearbyClients().size());
   TLRTellora::stopSearch();
   return 0;

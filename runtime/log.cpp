@@ -5,6 +5,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "runtime/user_defaults.h"
 #include "tellora/logging.h"
@@ -19,8 +20,8 @@ namespace {
 // on; the delivering thread writes it before it leaves.
 struct LogState {
   std::mutex mutex;
-  std::shared_ptr<const TLRLogSink> sink;  // null: stderr
-  std::deque<std::string> pending;
+  std::shared_ptr<const LeveledLogSink> sink;  // null: stderr
+  std::deque<std::pair<LogLevel, std::string>> pending;
   bool delivering = false;
   size_t dropped = 0;
 };
@@ -53,35 +54,54 @@ std::string vstrprintf(const char* format, va_list args) {
 
 }  // namespace
 
-void TLRSetLogSink(TLRLogSink sink) {
-  auto& state = logState();
-  std::lock_guard lock(state.mutex);
-  state.sink = sink ? std::make_shared<const TLRLogSink>(std::move(sink)) : nullptr;
+const char* logLevelName(LogLevel level) {
+  switch (level) {
+    case LogLevel::debug:
+      return "debug";
+    case LogLevel::warning:
+      return "warning";
+    case LogLevel::error:
+      return "error";
+    default:
+      return "info";
+  }
 }
 
-void logLine(std::string_view line) {
+void setLeveledLogSink(LeveledLogSink sink) {
+  auto& state = logState();
+  std::lock_guard lock(state.mutex);
+  state.sink = sink ? std::make_shared<const LeveledLogSink>(std::move(sink)) : nullptr;
+}
+
+void TLRSetLogSink(TLRLogSink sink) {
+  if (!sink) return setLeveledLogSink(nullptr);
+  setLeveledLogSink([sink = std::move(sink)](LogLevel, std::string_view line) { sink(line); });
+}
+
+void logLine(std::string_view line, LogLevel level) {
   auto& state = logState();
   std::unique_lock lock(state.mutex);
   if (state.pending.size() >= kPendingLimit) {
     ++state.dropped;
     return;
   }
-  state.pending.emplace_back(line);
+  state.pending.emplace_back(level, line);
   if (state.delivering) return;  // a sink that logs lands here too
   state.delivering = true;
   while (!state.pending.empty()) {
-    std::string next = std::move(state.pending.front());
+    auto [nextLevel, next] = std::move(state.pending.front());
     state.pending.pop_front();
     if (state.dropped > 0 && state.pending.empty()) {
-      state.pending.push_back("Tellora: " + std::to_string(state.dropped) +
-                              " log lines dropped (the log sink is too slow)");
+      state.pending.emplace_back(LogLevel::warning,
+                                 "Tellora: " + std::to_string(state.dropped) +
+                                     " log lines dropped (the log sink is too slow)");
       state.dropped = 0;
     }
     // A local reference keeps the sink alive if it replaces itself while running.
     const auto sink = state.sink;
     lock.unlock();
     if (sink) {
-      (*sink)(next);
+      (*sink)(nextLevel, next);
     } else {
       writeToStderr(next);
     }
@@ -90,21 +110,36 @@ void logLine(std::string_view line) {
   state.delivering = false;
 }
 
+namespace {
+void logAt(LogLevel level, const char* format, va_list args) {
+  logLine(vstrprintf(format, args), level);
+}
+}  // namespace
+
 void logf(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  const std::string line = vstrprintf(format, args);
+  logAt(LogLevel::info, format, args);
   va_end(args);
-  logLine(line);
 }
-
+void warnf(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  logAt(LogLevel::warning, format, args);
+  va_end(args);
+}
+void errorf(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  logAt(LogLevel::error, format, args);
+  va_end(args);
+}
 void debugf(const char* format, ...) {
   if (!debugEnabled()) return;
   va_list args;
   va_start(args, format);
-  const std::string line = vstrprintf(format, args);
+  logAt(LogLevel::debug, format, args);
   va_end(args);
-  logLine(line);
 }
 
 bool debugEnabled() {

@@ -1,19 +1,27 @@
 #!/usr/bin/env bash
 # Runs the SDK's end-to-end tests (the facade against real loopback registration and
-# WebSocket servers) under valgrind memcheck; fails on any memory error or on any
-# definitely or indirectly lost block.
+# WebSocket servers), and the transport's tests of a server that ends or breaks the
+# connection while the client writes, under valgrind memcheck; fails on any memory
+# error or on any definitely or indirectly lost block.
 #
 # Usage: scripts/valgrind-sdk.sh [build-dir]   (default: build)
 set -uo pipefail
 
 build="${1:-build}"
-tests=(facade_search_test facade_connection_test facade_shared_instance_test facade_c_api_test)
+# folder/binary[:gtest filter]
+tests=(facade/facade_search_test facade/facade_connection_test facade/facade_shared_instance_test
+       facade/facade_c_api_test
+       "transport/transport_tests:Endings/*:*ResetLink*:*MessageOfOneMebibyte*")
 logs="$build/valgrind"
 mkdir -p "$logs"
 
 failed=0
-for name in "${tests[@]}"; do
-  binary="$build/tests/facade/$name"
+for entry in "${tests[@]}"; do
+  path="${entry%%:*}"
+  filter=""
+  [[ "$entry" == *:* ]] && filter="--gtest_filter=${entry#*:}"
+  name="$(basename "$path")"
+  binary="$build/tests/$path"
   if [[ ! -x "$binary" ]]; then
     echo "valgrind: $name: not built at $binary" >&2
     failed=1
@@ -23,7 +31,7 @@ for name in "${tests[@]}"; do
   # blocks nothing points to any more count as leaks.
   valgrind --error-exitcode=99 --leak-check=full \
     --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect \
-    --num-callers=40 "$binary" >"$logs/$name.log" 2>&1
+    --num-callers=40 "$binary" $filter >"$logs/$name.log" 2>&1
   status=$?
   summary="$(grep -E 'ERROR SUMMARY' "$logs/$name.log" | tail -n 1 | sed 's/^==[0-9]*== //')"
   if [[ $status -ne 0 ]]; then

@@ -81,7 +81,7 @@ bool AddressLimits::makeRoom(std::size_t holds) {
   auto victim = connection.lock();
   release(slot);
   ++displaced_;
-  if (victim) victim->shutdown();
+  if (victim) victim->shutdown(kCloseGoingAway);  // still pending: no WebSocket yet
   return true;
 }
 

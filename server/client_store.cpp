@@ -80,7 +80,7 @@ std::optional<IssuedIdentity> ClientStore::issue(int64_t appId, std::string_view
   auto clientId = randomHexToken(kClientIdBytes);
   auto secret = randomHexToken(kSecretBytes);
   if (!clientId || !secret) {
-    logf("client store: the random generator failed");
+    errorf("client store: the random generator failed");
     return std::nullopt;
   }
   const Sha256 digest = sha256(*secret);
@@ -92,7 +92,7 @@ std::optional<IssuedIdentity> ClientStore::issue(int64_t appId, std::string_view
   sqlite3_bind_text(insert_, 4, device.data(), static_cast<int>(device.size()), SQLITE_TRANSIENT);
   sqlite3_bind_int64(insert_, 5, nowMs());
   if (sqlite3_step(insert_) != SQLITE_DONE) {
-    logf("client store: insert failed: %s", sqlite3_errmsg(db_));
+    errorf("client store: insert failed: %s", sqlite3_errmsg(db_));
     return std::nullopt;
   }
   return IssuedIdentity{static_cast<ClientKey>(sqlite3_last_insert_rowid(db_)),

@@ -14,6 +14,7 @@
 
 #include "runtime/log.h"
 #include "server/json_input.h"
+#include "server/metrics.h"
 #include "server/registration.h"
 #include "server/server_context.h"
 #include "server/ws_session.h"
@@ -61,6 +62,8 @@ std::string reasonFor(unsigned status) {
   }
 }
 
+using Response = http::response<http::string_body>;
+
 template <class Stream>
 class HttpSession : public ManagedConnection,
                     public std::enable_shared_from_this<HttpSession<Stream>> {
@@ -92,7 +95,7 @@ class HttpSession : public ManagedConnection,
     }
   }
 
-  void shutdown() override {
+  void shutdown(uint16_t) override {
     beast::error_code ignored;
     lowest().socket().close(ignored);
   }
@@ -118,7 +121,10 @@ class HttpSession : public ManagedConnection,
 
   void onRequest(beast::error_code ec) {
     if (ec == http::error::end_of_stream) return closeGracefully();
-    if (ec == http::error::body_limit) return respond(413, "the body is too large", false);
+    if (ec == http::error::body_limit) {
+      if (pathOf(parser_->get().target()) == "/register") context_.metrics.countRegistration(413);
+      return respond(413, "the body is too large", false);
+    }
     if (ec == http::error::header_limit) return respond(431, "the header is too large", false);
     if (ec && ec.category() == http::make_error_code(http::error::bad_target).category())
       return respond(400, "not an HTTP/1.1 request", false);
@@ -133,12 +139,14 @@ class HttpSession : public ManagedConnection,
       return registration(request);
     }
     if (path == "/ws") return respond(426, "a WebSocket upgrade is expected", false);
+    if (path == kHealthPath || path == kMetricsPath) return operatorEndpoint(request, path);
     respond(404, "no such endpoint", request.keep_alive());
   }
 
   void registration(const UpgradeRequest& request) {
     if (const auto wait = context_.addressLimits.takeRegistration(address_)) {
       context_.limitLogs.registrations.hit(peer_);
+      context_.metrics.countRegistration(429);
       return respond(429, "too many registrations from this address", false, false,
                      static_cast<unsigned>(wait->count()));
     }
@@ -147,6 +155,7 @@ class HttpSession : public ManagedConnection,
     };
     RegistrationReply reply = handleRegistration(request.body(), context_.options.apps, issue,
                                                  context_.options.limits.maxDeviceBytes);
+    context_.metrics.countRegistration(reply.status);
     if (reply.status == 413)
       context_.limitLogs.devices.hit(peer_);
     else
@@ -172,21 +181,45 @@ class HttpSession : public ManagedConnection,
     startWsSession(std::move(stream_), std::move(request), std::move(client), context_);
   }
 
+  // /healthz and /metrics take no credentials: operators firewall them.
+  void operatorEndpoint(const UpgradeRequest& request, std::string_view path) {
+    const bool head = request.method() == http::verb::head;
+    if (!head && request.method() != http::verb::get)
+      return respond(405, "use GET or HEAD", request.keep_alive(), false, 0, "GET, HEAD");
+    OperatorReply reply = *operatorReply(path, context_);
+    auto response =
+        makeResponse(reply.status, reply.contentType, std::move(reply.body), request.keep_alive());
+    response->set(http::field::cache_control, "no-store");
+    if (head) response->body().clear();  // Content-Length stays that of the GET
+    write(std::move(response));
+  }
+
   // Bodies are JSON: `body` as it is when `isJson`, else {"error": body}.
   void respond(unsigned status, std::string body, bool keepAlive, bool isJson = false,
-               unsigned retryAfterSeconds = 0) {
-    auto response = std::make_shared<http::response<http::string_body>>();
+               unsigned retryAfterSeconds = 0, std::string_view allow = "POST") {
+    auto response = makeResponse(status, "application/json",
+                                 isJson ? std::move(body) : dumpJson({{"error", body}}), keepAlive);
+    if (status == 405) response->set(http::field::allow, allow);
+    if (retryAfterSeconds != 0)
+      response->set(http::field::retry_after, std::to_string(retryAfterSeconds));
+    write(std::move(response));
+  }
+
+  static std::shared_ptr<Response> makeResponse(unsigned status, std::string_view contentType,
+                                                std::string body, bool keepAlive) {
+    auto response = std::make_shared<Response>();
     response->result(status);
     response->reason(reasonFor(status));
     response->version(11);
     response->set(http::field::server, kServerName);
-    response->set(http::field::content_type, "application/json");
-    if (status == 405) response->set(http::field::allow, "POST");
-    if (retryAfterSeconds != 0)
-      response->set(http::field::retry_after, std::to_string(retryAfterSeconds));
+    response->set(http::field::content_type, contentType);
     response->keep_alive(keepAlive);
-    response->body() = isJson ? std::move(body) : dumpJson({{"error", body}});
+    response->body() = std::move(body);
     response->prepare_payload();
+    return response;
+  }
+
+  void write(std::shared_ptr<Response> response) {
     lowest().expires_after(context_.options.limits.httpTimeout);
     http::async_write(
         stream_, *response,

@@ -56,10 +56,12 @@ void Hub::receive(ClientKey client, const ClientConnection* connection, std::str
 }
 
 void Hub::tick() {
+  const auto started = TickTimes::Clock::now();
   const double now = clock_();
   // Pushing never calls back into the hub, so no application comes or goes here.
   for (auto& [id, app] : apps_)
     handleEvents(app.matcher.advance(now));
+  tickTimes_.record(started, TickTimes::Clock::now());
 }
 
 Hub::Client* Hub::current(ClientKey client, const ClientConnection* connection) {
@@ -71,7 +73,11 @@ Hub::Client* Hub::current(ClientKey client, const ClientConnection* connection) 
 void Hub::apply(ClientKey client, ModeChange change) {
   const bool searching = change.mode == kSearchMode;
   const double now = clock_();
-  Matcher& matcher = matcherOf(clients_.at(client));
+  Client& state = clients_.at(client);
+  if (searching && !state.searching) ++searching_;
+  if (!searching && state.searching) --searching_;
+  state.searching = searching;
+  Matcher& matcher = matcherOf(state);
   matcher.setSearching(client, searching, now);
   if (searching) return;
   // Leaving the search ends its pairs now, not at the next tick, so that a
@@ -108,6 +114,7 @@ void Hub::pairFound(ClientKey a, ClientKey b) {
   if (ia->second.app != ib->second.app) return;
   if (!ia->second.nearby.insert(b).second) return;
   ib->second.nearby.insert(a);
+  ++pairsFound_;
   logf("clients %s and %s are nearby", ia->second.clientId.c_str(), ib->second.clientId.c_str());
   send(ia->second, foundPush(ib->second.clientId, ib->second.payload));
   send(ib->second, foundPush(ia->second.clientId, ia->second.payload));
@@ -118,6 +125,7 @@ void Hub::pairLost(ClientKey a, ClientKey b) {
   if (ia == clients_.end() || ib == clients_.end()) return;
   if (ia->second.nearby.erase(b) == 0) return;
   ib->second.nearby.erase(a);
+  ++pairsLost_;
   logf("clients %s and %s are no longer nearby", ia->second.clientId.c_str(),
        ib->second.clientId.c_str());
   send(ia->second, lostPush(ib->second.clientId));
@@ -143,6 +151,7 @@ void Hub::forget(ClientKey client) {
   const auto it = clients_.find(client);
   if (it == clients_.end()) return;
   const auto app = apps_.find(it->second.app);
+  if (it->second.searching) --searching_;
   clients_.erase(it);
   if (app == apps_.end()) return;
   // The lost events this queues find nothing left to tell, and the last

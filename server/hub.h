@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include "server/matcher/matcher.h"
+#include "server/metrics.h"
 #include "server/request_handler.h"
 
 namespace tellora::server {
@@ -65,6 +66,12 @@ class Hub {
   std::size_t applicationCount() const { return apps_.size(); }
   // Frames not used (malformed, or fingerprints outside the time window).
   uint64_t ignoredFrames() const { return ignoredFrames_; }
+  // Clients whose mode is search.
+  std::size_t searchingCount() const { return searching_; }
+  // Pairs pushed as found, and as lost, since the start.
+  uint64_t pairsFound() const { return pairsFound_; }
+  uint64_t pairsLost() const { return pairsLost_; }
+  const TickTimes& tickTimes() const { return tickTimes_; }
 
  private:
   struct Client {
@@ -74,6 +81,7 @@ class Hub {
     const ClientConnection* session = nullptr;  // identity of the current session
     nlohmann::json payload;
     std::set<ClientKey> nearby;
+    bool searching = false;
   };
 
   Client* current(ClientKey client, const ClientConnection* connection);
@@ -100,6 +108,10 @@ class Hub {
   std::unordered_map<int64_t, App> apps_;
   std::unordered_map<ClientKey, Client> clients_;
   uint64_t ignoredFrames_ = 0;
+  std::size_t searching_ = 0;
+  uint64_t pairsFound_ = 0;
+  uint64_t pairsLost_ = 0;
+  TickTimes tickTimes_;
 };
 
 }  // namespace tellora::server

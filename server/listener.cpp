@@ -41,7 +41,7 @@ void Listener::onAccept(boost::system::error_code ec, tcp::socket socket) {
   if (ec) {
     // Out of descriptors, most likely: pausing lets connections end instead
     // of spinning on a listener that fails at once.
-    logf("accept failed: %s", ec.message().c_str());
+    errorf("accept failed: %s", ec.message().c_str());
     retry_.expires_after(std::chrono::milliseconds(100));
     retry_.async_wait([self = shared_from_this()](boost::system::error_code wait) {
       if (!wait && !self->stopped_) self->accept();

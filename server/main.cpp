@@ -6,13 +6,21 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "runtime/log.h"
+#include "server/log_output.h"
 #include "server/server.h"
+#include "server/server_config.h"
 
 namespace {
 
@@ -52,84 +60,188 @@ void reportBusErrors(const std::string& databasePath) {
   sigaction(SIGBUS, &action, nullptr);
 }
 
+// Only the arguments themselves: values from the config file or the
+// environment are not visible in `ps`.
+bool givenOnCommandLine(int argc, char** argv, const std::string& flag) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (arg == flag || arg.starts_with(flag + "=")) return true;
+  }
+  return false;
+}
+
+// The command line wins over the environment, which wins over the config
+// file: CLI11 lets a config file override the environment, so the
+// environment's values are handed over as arguments of their own, which the
+// file then cannot override.
+std::vector<std::string> withEnvironment(const CLI::App& cli, int argc, char** argv) {
+  std::vector<std::string> args(argv, argv + argc);
+  for (const CLI::Option* option : cli.get_options()) {
+    const std::string& variable = option->get_envname();
+    const char* value = variable.empty() ? nullptr : std::getenv(variable.c_str());
+    const std::string flag = option->get_name(false, true);
+    if (value == nullptr || option == cli.get_config_ptr() || givenOnCommandLine(argc, argv, flag))
+      continue;
+    args.push_back(flag + "=" + value);
+  }
+  return args;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  using tellora::server::ServerOptions;
-  ServerOptions options;
+  namespace server = tellora::server;
+  server::ServerOptions options;
+  auto& limits = options.limits;
   std::vector<std::string> apps;
+  std::string appsFile, stateDirectory, databasePath, logFormatName = "text";
+  double drainSeconds = std::chrono::duration<double>(limits.drainTime).count();
   CLI::App cli{
-      "The Tellora matching server: registration (POST /register) and client sessions "
-      "(WebSocket /ws) on one port.",
+      "The Tellora matching server: registration (POST /register), client sessions "
+      "(WebSocket /ws), /healthz and /metrics on one port.\n"
+      "Every option may also come from the file given with --config (TOML or INI: "
+      "port = 10000, apps-file = \"/etc/tellora/apps\") or from the environment variable "
+      "named after it (TELLORA_SERVER_PORT, TELLORA_SERVER_APPS_FILE, ...); the command line "
+      "wins over the environment, which wins over the file.",
       "tellora-server"};
-  cli.add_option("--bind", options.bindAddress, "Address to listen on")->capture_default_str();
-  cli.add_option("--port", options.port, "Port to listen on; 0 picks a free one")
+  cli.set_version_flag("--version", "tellora-server " TELLORA_VERSION);
+  cli.set_config("--config", "", "Read options from this file")->envname("TELLORA_SERVER_CONFIG");
+  // Every option's environment variable: TELLORA_SERVER_ and its name in capitals.
+  auto withEnv = [](CLI::Option* option) {
+    std::string name = "TELLORA_SERVER_";
+    for (const char c : option->get_name(false, true).substr(2))
+      name.push_back(c == '-' ? '_'
+                              : static_cast<char>(std::toupper(static_cast<unsigned char>(c))));
+    return option->envname(name);
+  };
+  withEnv(cli.add_option("--bind", options.bindAddress, "Address to listen on"))
       ->capture_default_str();
-  cli.add_option("--app", apps,
-                 "An application admitted at registration, as ID:SECRET (repeatable); without "
-                 "any, every application is admitted");
-  cli.add_option("--db", options.databasePath,
-                 "SQLite database of the issued client identities (\":memory:\" for none on disk)")
+  withEnv(cli.add_option("--port", options.port, "Port to listen on; 0 picks a free one"))
       ->capture_default_str();
-  auto* certificate = cli.add_option("--tls-cert", options.tlsCertificateChainFile,
-                                     "PEM certificate chain: serve https:// and wss://");
-  auto* key = cli.add_option("--tls-key", options.tlsPrivateKeyFile, "PEM private key");
+  withEnv(cli.add_option("--apps-file", appsFile,
+                         "Applications admitted at registration, one ID:SECRET per line (# "
+                         "comments); keep it mode 600. Without any application from here, "
+                         "TELLORA_SERVER_APP or --app, every application is admitted"));
+  withEnv(cli.add_option("--app", apps,
+                         "An admitted application as ID:SECRET (repeatable; for development: "
+                         "other users can read the command line)"))
+      ->delimiter(',');
+  withEnv(cli.add_option("--state-dir", stateDirectory,
+                         "Where the database lives by default (created with mode 700); default "
+                         "$STATE_DIRECTORY, $XDG_STATE_HOME/tellora-server or "
+                         "~/.local/state/tellora-server"));
+  withEnv(cli.add_option("--db", databasePath,
+                         "SQLite database of the issued client identities (\":memory:\" for none "
+                         "on disk); default STATE_DIR/tellora-server.db"));
+  auto* certificate = withEnv(cli.add_option("--tls-cert", options.tlsCertificateChainFile,
+                                             "PEM certificate chain: serve https:// and wss://"));
+  auto* key = withEnv(cli.add_option("--tls-key", options.tlsPrivateKeyFile, "PEM private key"));
   certificate->needs(key);
   key->needs(certificate);
-  cli.add_option("--max-connections", options.limits.maxConnections,
-                 "Connections open at once; more are closed on accept")
+  withEnv(cli.add_option("--log-format", logFormatName,
+                         "text: \"TIME LEVEL message\" lines; json: one object per line"))
+      ->capture_default_str()
+      ->check(CLI::IsMember({"text", "json"}));
+  withEnv(cli.add_option("--drain-seconds", drainSeconds,
+                         "On SIGTERM, close the sessions (code 1001) evenly over this long, then "
+                         "exit; a second signal exits at once"))
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 3600.0));
+  withEnv(cli.add_option("--max-connections", limits.maxConnections,
+                         "Connections open at once; more are closed on accept"))
       ->capture_default_str()
       ->check(CLI::PositiveNumber);
-  auto& limits = options.limits;
-  cli.add_option("--max-connections-per-address", limits.maxConnectionsPerAddress,
-                 "Connections one address (an IPv6 /64) may hold; 0: max(8, max-connections/16)")
+  withEnv(cli.add_option(
+              "--max-connections-per-address", limits.maxConnectionsPerAddress,
+              "Connections one address (an IPv6 /64) may hold; 0: max(8, max-connections/16)"))
       ->capture_default_str();
-  cli.add_option("--max-pending-per-address", limits.maxPendingPerAddress,
-                 "Connections one address may hold before their first request; 0: max(4, the "
-                 "address share / 4)")
+  withEnv(cli.add_option("--max-pending-per-address", limits.maxPendingPerAddress,
+                         "Connections one address may hold before their first request; 0: "
+                         "max(4, the address share / 4)"))
       ->capture_default_str();
-  cli.add_option("--registration-burst", limits.registrationBurst,
-                 "Registrations one address may make at once (429 beyond)")
+  withEnv(cli.add_option("--registration-burst", limits.registrationBurst,
+                         "Registrations one address may make at once (429 beyond)"))
       ->capture_default_str()
       ->check(CLI::Range(1.0, 1e9));
-  cli.add_option("--registrations-per-second", limits.registrationsPerSecond,
-                 "Registrations one address regains per second")
+  withEnv(cli.add_option("--registrations-per-second", limits.registrationsPerSecond,
+                         "Registrations one address regains per second"))
       ->capture_default_str()
       ->check(CLI::Range(0.0, 1e9));
-  cli.add_option("--max-device-bytes", limits.maxDeviceBytes,
-                 "Largest device record stored at registration (413 beyond)")
+  withEnv(cli.add_option("--max-device-bytes", limits.maxDeviceBytes,
+                         "Largest device record stored at registration (413 beyond)"))
       ->capture_default_str()
       ->check(CLI::PositiveNumber);
-  cli.add_option("--max-body-bytes", limits.maxBodyBytes,
-                 "Largest HTTP request body (413 beyond); at least --max-device-bytes")
+  withEnv(cli.add_option("--max-body-bytes", limits.maxBodyBytes,
+                         "Largest HTTP request body (413 beyond); at least --max-device-bytes"))
       ->capture_default_str()
       ->check(CLI::PositiveNumber);
   try {
-    cli.parse(argc, argv);
+    const std::vector<std::string> args = withEnvironment(cli, argc, argv);
+    std::vector<const char*> pointers;
+    for (const auto& arg : args)
+      pointers.push_back(arg.c_str());
+    cli.parse(static_cast<int>(pointers.size()), pointers.data());
   } catch (const CLI::ParseError& e) {
     return cli.exit(e);
   }
+  server::installServerLog(*server::parseLogFormat(logFormatName));
+  limits.drainTime = std::chrono::milliseconds(std::llround(drainSeconds * 1000));
+
+  if (givenOnCommandLine(argc, argv, "--app")) {
+    tellora::warnf(
+        "application secrets given with --app are visible to every user of this "
+        "machine; use --apps-file or TELLORA_SERVER_APP instead");
+  }
   for (const auto& text : apps) {
-    auto app = tellora::server::parseAppCredential(text);
+    auto app = server::parseAppCredential(text);
     if (!app) {
-      std::fprintf(stderr, "tellora-server: --app wants ID:SECRET with a 32-bit ID, not \"%s\"\n",
-                   text.c_str());
+      // Never echo the value: it holds a secret.
+      tellora::errorf("--app wants ID:SECRET with a 32-bit ID");
       return 2;
     }
     options.apps.push_back(std::move(*app));
   }
+  if (!appsFile.empty()) {
+    auto file = server::readAppsFile(appsFile);
+    for (const auto& warning : file.warnings)
+      tellora::warnf("%s", warning.c_str());
+    for (const auto& problem : file.problems)
+      tellora::errorf("%s", problem.c_str());
+    if (!file.problems.empty()) return 2;
+    if (file.apps.empty()) {
+      tellora::errorf("the applications file \"%s\" admits no application", appsFile.c_str());
+      return 2;
+    }
+    for (auto& app : file.apps)
+      options.apps.push_back(std::move(app));
+  }
+  if (options.apps.empty())
+    tellora::warnf("no application configured: every application key is admitted");
+
+  if (databasePath.empty()) {
+    if (stateDirectory.empty()) stateDirectory = server::defaultStateDirectory();
+    if (auto problem = server::prepareStateDirectory(stateDirectory)) {
+      tellora::errorf("%s", problem->c_str());
+      return 1;
+    }
+    databasePath = stateDirectory + "/tellora-server.db";
+  }
+  options.databasePath = databasePath;
 
   std::signal(SIGPIPE, SIG_IGN);
   if (options.databasePath != ":memory:") reportBusErrors(options.databasePath);
   raiseDescriptorLimit();
   try {
-    tellora::server::Server server(options);
-    server.stopOnSignals();
-    std::printf("listening on %s:%u\n", options.bindAddress.c_str(), unsigned{server.port()});
+    server::Server instance(options);
+    instance.stopOnSignals();
+    tellora::logf("serving on %s:%u, database \"%s\", %zu applications",
+                  options.bindAddress.c_str(), unsigned{instance.port()},
+                  options.databasePath.c_str(), options.apps.size());
+    std::printf("listening on %s:%u\n", options.bindAddress.c_str(), unsigned{instance.port()});
     std::fflush(stdout);
-    server.run();
+    instance.run();
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "tellora-server: %s\n", e.what());
+    tellora::errorf("tellora-server: %s", e.what());
     return 1;
   }
   return 0;

@@ -7,6 +7,7 @@
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include <algorithm>
 #include <csignal>
 #include <exception>
 #include <optional>
@@ -23,6 +24,9 @@ namespace net = boost::asio;
 namespace ssl = net::ssl;
 
 namespace {
+
+// The drain closes a share of the sessions every slice.
+constexpr std::chrono::milliseconds kDrainSlice{100};
 
 const ServerOptions& checked(const ServerOptions& options) {
   if (options.limits.maxBodyBytes < options.limits.maxDeviceBytes)
@@ -60,7 +64,8 @@ class Server::Core {
         context{options, store, hub, registry, addressLimits, limitLogs, tls ? &*tls : nullptr},
         io(1),
         tick(io),
-        stopTimer(io) {
+        stopTimer(io),
+        drainTimer(io) {
     const net::ip::tcp::endpoint endpoint(net::ip::make_address(options.bindAddress), options.port);
     listener = std::make_shared<Listener>(io, endpoint, context);
   }
@@ -77,29 +82,78 @@ class Server::Core {
       try {
         hub.tick();
       } catch (const std::exception& e) {
-        logf("matching failed: %s", e.what());
+        errorf("matching failed: %s", e.what());
       }
       scheduleTick();
     });
   }
 
-  void beginShutdown() {
+  // Ends serving now: every WebSocket session is closed with `closeCode`
+  // (3002 unless a drain came first) and gets a short grace to finish.
+  void beginShutdown(uint16_t closeCode) {
     if (stopping) return;
     stopping = true;
+    context.metrics.draining = true;
     logf("shutting down: closing %zu connections", registry.size());
-    listener->stop();
-    tick.cancel();
+    stopAccepting();
+    drainTimer.cancel();
     if (signals) signals->cancel();
-    registry.shutdownAll();
+    registry.shutdownAll(closeCode);
     stopDeadline = std::chrono::steady_clock::now() + options.limits.shutdownGrace;
     awaitSessionsEnd();
+  }
+
+  // Stops accepting and closes the sessions with 1001 ("going away", no error
+  // for the SDK) a slice at a time over the drain time, so that the clients'
+  // reconnections reach the other nodes spread out rather than as one burst.
+  void beginDrain() {
+    if (stopping || draining) return;
+    draining = true;
+    context.metrics.draining = true;
+    stopAccepting();
+    const auto drainTime = options.limits.drainTime;
+    const std::size_t open = registry.size();
+    logf("draining: closing %zu connections over %.1f s", open,
+         std::chrono::duration<double>(drainTime).count());
+    const auto slices = std::max<int64_t>(1, drainTime / kDrainSlice);
+    drainPerSlice = std::max<std::size_t>(1, (open + slices - 1) / slices);
+    drainNextSlice();
+  }
+
+  void drainNextSlice() {
+    if (stopping) return;
+    registry.shutdownSome(drainPerSlice, kCloseGoingAway);
+    if (registry.size() == 0) return beginShutdown(kCloseGoingAway);
+    drainTimer.expires_after(kDrainSlice);
+    drainTimer.async_wait([this](boost::system::error_code ec) {
+      if (!ec) drainNextSlice();
+    });
+  }
+
+  // The first signal drains, a second one stops at once.
+  void awaitSignal() {
+    signals->async_wait([this](boost::system::error_code ec, int signal) {
+      if (ec) return;
+      if (draining) {
+        logf("signal %d while draining: stopping now", signal);
+        return beginShutdown(kCloseGoingAway);
+      }
+      logf("signal %d: draining", signal);
+      beginDrain();
+      awaitSignal();
+    });
+  }
+
+  void stopAccepting() {
+    listener->stop();
+    tick.cancel();
   }
 
   // Stops the io_context once every connection has ended, or at the deadline
   // with those that did not.
   void awaitSessionsEnd() {
     if (registry.size() == 0 || std::chrono::steady_clock::now() >= stopDeadline) {
-      if (registry.size() != 0) logf("%zu connections did not close in time", registry.size());
+      if (registry.size() != 0) warnf("%zu connections did not close in time", registry.size());
       io.stop();
       return;
     }
@@ -119,6 +173,9 @@ class Server::Core {
   std::shared_ptr<Listener> listener;
   net::steady_timer tick;
   net::steady_timer stopTimer;
+  net::steady_timer drainTimer;
+  std::size_t drainPerSlice = 1;
+  bool draining = false;
   std::optional<net::signal_set> signals;
   std::chrono::steady_clock::time_point stopDeadline{};
   bool stopping = false;
@@ -146,18 +203,18 @@ void Server::start() {
 }
 
 void Server::stop() {
-  net::post(core_->io, [core = core_.get()] { core->beginShutdown(); });
+  net::post(core_->io, [core = core_.get()] { core->beginShutdown(kCloseShuttingDown); });
   if (core_->thread.joinable() && std::this_thread::get_id() != core_->thread.get_id())
     core_->thread.join();
 }
 
+void Server::drain() {
+  net::post(core_->io, [core = core_.get()] { core->beginDrain(); });
+}
+
 void Server::stopOnSignals() {
   core_->signals.emplace(core_->io, SIGINT, SIGTERM);
-  core_->signals->async_wait([core = core_.get()](boost::system::error_code ec, int signal) {
-    if (ec) return;
-    logf("signal %d: stopping", signal);
-    core->beginShutdown();
-  });
+  core_->awaitSignal();
 }
 
 }  // namespace tellora::server

@@ -9,6 +9,7 @@
 //   server.start();                            // serves on a thread of its own
 //   ... connect to 127.0.0.1:server.port() ...
 //   server.stop();                             // sessions closed with 3002
+//   (or server.drain(): closed with 1001, spread over the drain time)
 #pragma once
 
 #include <cstdint>
@@ -38,7 +39,13 @@ class Server {
   // 3002, gives them a short grace to finish, and returns once serving has
   // ended (immediately when called on the serving thread itself).
   void stop();
-  // SIGINT and SIGTERM stop the server. Call before run() or start().
+  // From any thread, without waiting: /healthz answers 503, no new
+  // connection is accepted, and the WebSocket sessions are closed with 1001
+  // ("going away": the SDK hears a close without error) a slice at a time
+  // over limits.drainTime; serving ends when the last one has closed.
+  void drain();
+  // SIGINT and SIGTERM drain the server; a second signal stops it at once
+  // (with 1001 still). Call before run() or start().
   void stopOnSignals();
 
  private:

@@ -9,6 +9,7 @@
 #include "server/connection_registry.h"
 #include "server/hub.h"
 #include "server/limit_log.h"
+#include "server/metrics.h"
 #include "server/server_options.h"
 
 namespace tellora::server {
@@ -21,6 +22,7 @@ struct ServerContext {
   AddressLimits& addressLimits;
   LimitLogs& limitLogs;
   boost::asio::ssl::context* tls = nullptr;  // null: plain http:// and ws://
+  ServerMetrics metrics{};
 };
 
 // The Server header field of every response.

@@ -26,6 +26,8 @@ struct ServerLimits {
   std::chrono::milliseconds matchTick{100};
   // After a stop, sessions get this long to finish their closing handshakes.
   std::chrono::milliseconds shutdownGrace{2'000};
+  // A drain (SIGTERM) closes the sessions evenly over this long.
+  std::chrono::milliseconds drainTime{10'000};
   std::size_t maxFrameBytes = 1 << 20;  // a larger inbound frame closes the session
   // Registration request body; it holds the device record and the
   // application's credentials, so it must not be below maxDeviceBytes.

@@ -69,6 +69,7 @@ class WsSession : public ClientConnection,
         queuedBytes_ + text.size() > limits.maxQueuedBytes) {
       logf("client %s: %zu frames (%zu bytes) unsent, the client does not read; dropping it",
            client_.clientId.c_str(), queue_.size(), queuedBytes_);
+      ++context_.metrics.slowClientsDropped;
       return tearDown();
     }
     queuedBytes_ += text.size();
@@ -85,8 +86,11 @@ class WsSession : public ClientConnection,
   }
 
   // --- ManagedConnection -----------------------------------------------------
-  void shutdown() override {
-    if (open_) return close(kCloseShuttingDown, "server shutting down");
+  void shutdown(uint16_t closeCode) override {
+    if (open_) {
+      return close(closeCode,
+                   closeCode == kCloseGoingAway ? "server going away" : "server shutting down");
+    }
     tearDown();
   }
 
@@ -103,6 +107,7 @@ class WsSession : public ClientConnection,
       return end("handshake failed");
     }
     open_ = true;
+    ++context_.metrics.wsSessions;
     logf("client %s connected from %s (app_version \"%s\")", client_.clientId.c_str(),
          client_.peer.c_str(), client_.appVersion.c_str());
     context_.hub.attach(client_.key, client_.appId, client_.clientId, this->shared_from_this());
@@ -126,6 +131,7 @@ class WsSession : public ClientConnection,
       if (ec == websocket::error::message_too_big) return end("frame over the size limit");
       return end("connection lost: " + ec.message());
     }
+    ++context_.metrics.wsMessagesIn;
     const std::string frame = beast::buffers_to_string(buffer_.data());
     buffer_.consume(buffer_.size());
     try {
@@ -165,6 +171,7 @@ class WsSession : public ClientConnection,
         self->writing_ = false;
         return self->tearDown();
       }
+      ++self->context_.metrics.wsMessagesOut;
       self->writeNext();
     });
   }
@@ -181,6 +188,7 @@ class WsSession : public ClientConnection,
     ended_ = true;
     if (open_) {
       open_ = false;
+      --context_.metrics.wsSessions;
       context_.hub.detach(client_.key, this);
       logf("client %s disconnected: %s", client_.clientId.c_str(), why.c_str());
     }

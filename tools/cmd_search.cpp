@@ -37,6 +37,7 @@ struct SearchOptions {
   std::string appVersion;
   bool debug = false;
   int restartOnStop = 0;
+  bool resume = false;
   double connectTimeout = 15;
 };
 
@@ -74,6 +75,7 @@ TLRTelloraConfiguration customConfiguration(const SearchOptions& o) {
   c.websocketServerURL = o.wsUrl;
   c.appID = o.appId;
   c.appSecret = o.appSecret;
+  c.resumeSearchAfterClose = o.resume;
   return c;
 }
 
@@ -239,6 +241,10 @@ void addSearchCommand(CLI::App& app) {
   cmd->add_option("--restart-on-stop", o->restartOnStop,
                   "Start the search again after a stop the SDK made by itself, up to N times")
       ->check(CLI::NonNegativeNumber);
+  cmd->add_flag("--resume", o->resume,
+                "Let the SDK resume the search after the server closes without an error (as a "
+                "draining server does)")
+      ->excludes(apiKey);
   cmd->callback([o] {
     if (o->apiKey.empty() && o->registerUrl.empty())
       throw InputError(

@@ -168,7 +168,7 @@ TEST_F(ServerUnderFlood, KeepsServingAndItsMemoryStaysBounded) {
   LoadClient load(port);
   std::vector<Registration> identities;
   for (int i = 0; i < kSessions; ++i)
-    identities.push_back(server_test::registerClient({port, "", 0}, 7, "flood"));
+    identities.push_back(server_test::registerClient({port, "", 0, {}}, 7, "flood"));
   ASSERT_FALSE(identities.back().clientId.empty());
   ASSERT_TRUE(clientIsServed());
   const long baselineKb = server->residentKilobytes();

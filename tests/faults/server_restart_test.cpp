@@ -1,12 +1,14 @@
-// The server process dies hard (SIGKILL) in the middle of a search and comes
-// back on the same port and database. Two `tellora search` hosts that restart
-// their search after a stop must find each other again under the identities
-// they already had, without crashing or piling up threads.
+// The server process goes away in the middle of a search and comes back on
+// the same port and database: killed hard (SIGKILL), with hosts that restart
+// their search after a stop, or drained for a rolling restart (SIGTERM), with
+// hosts that let the SDK resume. Either way the hosts find each other again
+// under the identities they already had, without crashing or piling up threads.
 #include <gtest/gtest.h>
 
 #include <sndfile.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -40,12 +42,15 @@ std::vector<json> eventsAfterRestart(const std::string& output, const std::strin
 
 class ServerKilledMidSearch : public ::testing::Test {
  protected:
+  // The application comes from the environment, as an installed server's would.
   std::unique_ptr<BackgroundProcess> startServer(uint16_t port) {
+    setenv("TELLORA_SERVER_APP", kApp, 1);
     auto server = std::make_unique<BackgroundProcess>(
         TELLORA_SERVER_PATH,
         std::vector<std::string>{"--bind", "127.0.0.1", "--port", std::to_string(port), "--db",
-                                 dir.file("clients.db"), "--app", kApp},
+                                 dir.file("clients.db"), "--drain-seconds", "1"},
         dir.path(), "server-" + std::to_string(++serverRuns));
+    unsetenv("TELLORA_SERVER_APP");
     const bool listening =
         waitUntil([&] { return listeningPort(server->out()) != 0; }, seconds(10));
     EXPECT_TRUE(listening) << server->err();
@@ -68,10 +73,27 @@ class ServerKilledMidSearch : public ::testing::Test {
     EXPECT_EQ(run.waitExit(seconds(10)), 0) << run.err();
   }
 
-  std::unique_ptr<BackgroundProcess> startHost(const std::string& name, uint16_t port) {
+  // `how` is "--restart-on-stop 1" (the host restarts) or "--resume" (the SDK does).
+  std::unique_ptr<BackgroundProcess> startHost(const std::string& name, uint16_t port,
+                                               std::vector<std::string> how) {
     auto args = hostArgs(name, port);
-    args.insert(args.end(), {"--restart-on-stop", "1"});
+    args.insert(args.end(), how.begin(), how.end());
     return std::make_unique<BackgroundProcess>(TELLORA_CLI_PATH, args, dir.path(), name);
+  }
+
+  // Two devices in one room, as in the plain end-to-end search; false when
+  // the synthetic talkers cannot be made here.
+  bool writeRoom() {
+    const scenes::Signal talkerA = scenes::randomTalker(101, 5);
+    if (talkerA.empty()) return false;
+    const auto room = scenes::makeRoom(11, 16, {talkerA, scenes::randomTalker(202, 5)});
+    testaudio::writeItems(dir.file("alice.wav"),
+                          scenes::toItems(scenes::hear(room.scene, {1.0, 25, 0.2, 5, true, 1})), 1,
+                          scenes::kRate, SF_FORMAT_WAV);
+    testaudio::writeItems(dir.file("bob.wav"),
+                          scenes::toItems(scenes::hear(room.scene, {0.6, 18, 0.35, 20, true, 2})),
+                          1, scenes::kRate, SF_FORMAT_WAV);
+    return true;
   }
 
   testtools::ScratchDir dir;
@@ -79,24 +101,14 @@ class ServerKilledMidSearch : public ::testing::Test {
 };
 
 TEST_F(ServerKilledMidSearch, HostsRestartTheSearchAndFindEachOtherAgainUnderTheSameIdentity) {
-  // Two devices in one room, as in the plain end-to-end search.
-  const scenes::Signal talkerA = scenes::randomTalker(101, 5);
-  if (talkerA.empty()) GTEST_SKIP() << "espeak-ng is not available";
-  const auto room = scenes::makeRoom(11, 16, {talkerA, scenes::randomTalker(202, 5)});
-  testaudio::writeItems(dir.file("alice.wav"),
-                        scenes::toItems(scenes::hear(room.scene, {1.0, 25, 0.2, 5, true, 1})), 1,
-                        scenes::kRate, SF_FORMAT_WAV);
-  testaudio::writeItems(dir.file("bob.wav"),
-                        scenes::toItems(scenes::hear(room.scene, {0.6, 18, 0.35, 20, true, 2})), 1,
-                        scenes::kRate, SF_FORMAT_WAV);
-
+  if (!writeRoom()) GTEST_SKIP() << "espeak-ng is not available";
   auto server = startServer(0);
   const uint16_t port = listeningPort(server->out());
   ASSERT_NE(port, 0);
   registerHost("alice", port);
   registerHost("bob", port);
-  auto alice = startHost("alice", port);
-  auto bob = startHost("bob", port);
+  auto alice = startHost("alice", port, {"--restart-on-stop", "1"});
+  auto bob = startHost("bob", port, {"--restart-on-stop", "1"});
   auto bothFound = [&](int afterRestart) {
     return !eventsAfterRestart(alice->out(), "clientFound", afterRestart).empty() &&
            !eventsAfterRestart(bob->out(), "clientFound", afterRestart).empty();
@@ -144,6 +156,36 @@ TEST_F(ServerKilledMidSearch, HostsRestartTheSearchAndFindEachOtherAgainUnderThe
   EXPECT_EQ(testing::storedClientId(dir.file("bob.json")), bobId);
   EXPECT_EQ(eventsAfterRestart(alice->out(), "clientFound", 1).front()["clientId"], bobId);
   EXPECT_EQ(eventsAfterRestart(bob->out(), "clientFound", 1).front()["clientId"], aliceId);
+}
+
+// A rolling restart: the node drains (its sessions closed with 1001 over a
+// second) and a new one takes the port. With resume on, the hosts never hear
+// of it: no stop until their own, and they find each other again.
+TEST_F(ServerKilledMidSearch, ADrainedNodeGoesUnnoticedByHostsThatResume) {
+  if (!writeRoom()) GTEST_SKIP() << "espeak-ng is not available";
+  auto server = startServer(0);
+  const uint16_t port = listeningPort(server->out());
+  ASSERT_NE(port, 0);
+  auto alice = startHost("alice", port, {"--resume"});
+  auto bob = startHost("bob", port, {"--resume"});
+  auto found = [&](const BackgroundProcess& host, std::size_t times) {
+    return eventsAfterRestart(host.out(), "clientFound", 0).size() >= times;
+  };
+  ASSERT_TRUE(waitUntil([&] { return found(*alice, 1) && found(*bob, 1); }, seconds(25)))
+      << alice->out() << bob->out() << server->err();
+
+  server->signal(SIGTERM);
+  EXPECT_EQ(server->waitExit(seconds(10)), 0) << server->err();
+  EXPECT_NE(server->err().find("draining: closing"), std::string::npos) << server->err();
+  server = startServer(port);
+  EXPECT_TRUE(waitUntil([&] { return found(*alice, 2) && found(*bob, 2); }, seconds(30)))
+      << alice->out() << bob->out() << server->err();
+
+  for (const auto& host : {alice.get(), bob.get()}) {
+    EXPECT_TRUE(eventsAfterRestart(host->out(), "searchStopped", 0).empty()) << host->out();
+    host->signal(SIGTERM);
+    EXPECT_EQ(host->waitExit(seconds(5)), 0) << host->err();
+  }
 }
 
 }  // namespace

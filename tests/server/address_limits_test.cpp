@@ -17,7 +17,7 @@ using Refusal = AddressLimits::Refusal;
 
 class FakeConnection : public ManagedConnection {
  public:
-  void shutdown() override { shutDown = true; }
+  void shutdown(uint16_t) override { shutDown = true; }
   bool shutDown = false;
 };
 

@@ -75,12 +75,16 @@ template <class Stream>
 HttpResult exchange(net::io_context& io, Stream& stream, const Endpoint& endpoint,
                     http::request<http::string_body>& request) {
   beast::flat_buffer buffer;
-  http::response<http::string_body> response;
+  http::response_parser<http::string_body> parser;
+  parser.skip(request.method() == http::verb::head);  // no body follows, whatever the length says
   if (!connect(io, stream, endpoint) ||
       await(io, [&](auto handler) { http::async_write(stream, request, handler); }) ||
-      await(io, [&](auto handler) { http::async_read(stream, buffer, response, handler); }))
+      await(io, [&](auto handler) { http::async_read(stream, buffer, parser, handler); }))
     return {};
-  return {response.result_int(), response.body(), std::string(response[http::field::retry_after])};
+  const auto& response = parser.get();
+  return {response.result_int(), response.body(), std::string(response[http::field::retry_after]),
+          std::string(response[http::field::content_type]),
+          std::string(response[http::field::content_length])};
 }
 
 template <class Stream>

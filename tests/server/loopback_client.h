@@ -31,6 +31,8 @@ struct HttpResult {
   unsigned status = 0;  // 0: no response (refused, reset, timed out)
   std::string body;
   std::string retryAfter;  // the Retry-After header, when there was one
+  std::string contentType;
+  std::string contentLength;
 };
 HttpResult httpRequest(const Endpoint& endpoint, const std::string& method,
                        const std::string& target, const std::string& body = {});

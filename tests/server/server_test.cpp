@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "fingerprint/part_fingerprint.h"
+#include "server/connection_registry.h"
 #include "server/hub.h"
 #include "tests/server/loopback_client.h"
 #include "tests/support/test_certificates.h"
@@ -157,6 +158,29 @@ TEST_F(ServerTest, StoppingClosesEverySessionWith3002) {
   EXPECT_EQ(b->awaitClose(), kCloseShuttingDown);
   stopper.join();
   EXPECT_EQ(httpRequest(endpoint_, "POST", "/register", "{}").status, 0u);
+}
+
+// A drain closes with 1001 (the SDK hears no error), spread out over the
+// drain time, refuses newcomers meanwhile, and ends serving by itself.
+TEST_F(ServerTest, DrainingClosesSessionsWith1001OverTheDrainTime) {
+  auto options = defaults();
+  options.limits.drainTime = 600ms;
+  startServer(options);
+  std::vector<std::unique_ptr<WsClient>> clients;
+  for (int i = 0; i < 6; ++i)
+    clients.push_back(session());
+  const auto started = std::chrono::steady_clock::now();
+  server_->drain();
+  std::vector<std::chrono::steady_clock::duration> closedAfter;
+  for (auto& client : clients) {
+    ASSERT_TRUE(client);
+    EXPECT_EQ(client->awaitClose(), kCloseGoingAway);
+    closedAfter.push_back(std::chrono::steady_clock::now() - started);
+  }
+  EXPECT_EQ(httpRequest(endpoint_, "POST", "/register", "{}").status, 0u);
+  // Oldest first, and not all in the first slice.
+  EXPECT_GE(closedAfter.back() - closedAfter.front(), 300ms);
+  server_->stop();  // returns at once: serving has ended
 }
 
 TEST_F(ServerTest, ConnectionsBeyondTheCapAreTurnedAway) {

@@ -1,6 +1,8 @@
 #include "tools/demo/demo_run.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -70,6 +72,14 @@ std::string waitUntilListening(ChildProcess& server) {
     if (closed || server.poll()) return {};
   }
   return {};
+}
+
+void writePrivateFile(const std::string& path, const std::string& text) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) throw std::runtime_error("cannot write " + path);
+  const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  ::close(fd);
+  if (!written) throw std::runtime_error("cannot write " + path);
 }
 
 std::string portOf(const std::string& address) {
@@ -194,11 +204,13 @@ int runDemo(const DemoOptions& o) {
   std::vector<RunningClient> clients;
   int serverStatus = 0;
   try {
-    server.emplace(
-        o.serverPath,
-        std::vector<std::string>{"--bind", "127.0.0.1", "--port", "0", "--db", ":memory:", "--app",
-                                 std::to_string(kAppId) + ":" + kAppSecret},
-        folder->file("server.log"));
+    // The secret goes in a file, as an operator's would, not on the command line.
+    const std::string apps = folder->file("apps");
+    writePrivateFile(apps, std::to_string(kAppId) + ":" + kAppSecret + "\n");
+    server.emplace(o.serverPath,
+                   std::vector<std::string>{"--bind", "127.0.0.1", "--port", "0", "--db",
+                                            ":memory:", "--apps-file", apps},
+                   folder->file("server.log"));
     const std::string address = waitUntilListening(*server);
     if (address.empty()) {
       if (int s = pendingInterrupt()) return 128 + s;
