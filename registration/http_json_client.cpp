@@ -43,8 +43,10 @@ bool isRedirect(unsigned status) {
 }
 
 // Where a redirect leads: `location` resolved against `base`. Never from
-// https down to plain http.
+// https down to plain http, and nowhere without a Location (an empty
+// reference would resolve to the same URL again).
 std::optional<std::string> redirectTarget(const std::string& base, std::string_view location) {
+  if (location.find_first_not_of(" \t") == std::string_view::npos) return std::nullopt;
   auto from = boost::urls::parse_uri(base);
   auto reference = boost::urls::parse_uri_reference(location);
   if (!from || !reference) return std::nullopt;
