@@ -17,16 +17,17 @@
 // Bounded so that one run stays well under a second.
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "fingerprint/audiohash/reference_hash.h"
-#include "fuzz/support/fuzz_input.h"
+#include "fuzz/support/harness.h"
 #include "tellora/audiohash.h"
 
 namespace {
+
+using tellora::fuzzing::fail;
 
 using tellora::audiohash::referenceAudiohash;
 using tellora::fuzzing::FuzzInput;
@@ -36,11 +37,6 @@ constexpr uint32_t kShortSamples = 16000;  // 2 s
 // Four accepted rates: all of them fit the process's cache of rate tables.
 constexpr int32_t kRates[] = {8000, 8000, 8000,  8000, 8000,  8000,  6000,  6000,
                               5999, 0,    -8000, 5000, 16000, 16000, 44100, 8000};
-
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "audiohash_fuzzer: %s\n", what);
-  std::abort();
-}
 
 struct Settings {
   uint8_t flags = 0;
@@ -79,25 +75,20 @@ std::vector<float> readSamples(FuzzInput& in, const Settings& s) {
   if (available == 0) return samples;
   for (uint32_t i = 0; i < s.count; ++i) {
     const char* item = bytes.data() + (i % available) * width;
+    int16_t pcm = 0;
+    if (width == 2) std::memcpy(&pcm, item, 2);
     switch (s.flags & 3) {
-      case 0: {
-        int16_t v;
-        std::memcpy(&v, item, 2);
-        samples[i] = v / 32768.0f;
+      case 0:
+        samples[i] = pcm / 32768.0f;
         break;
-      }
       case 1:
         std::memcpy(&samples[i], item, 4);
         break;
       case 2:
         samples[i] = static_cast<int8_t>(*item) / 128.0f;
         break;
-      default: {
-        int16_t v;
-        std::memcpy(&v, item, 2);
-        samples[i] = v * 1.0e30f;
-        break;
-      }
+      default:
+        samples[i] = pcm * 1.0e30f;
     }
   }
   return samples;

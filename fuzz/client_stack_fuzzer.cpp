@@ -14,19 +14,20 @@
 #include <memory>
 #include <string>
 
-#include "fuzz/support/fuzz_input.h"
-#include "fuzz/support/scratch_folder.h"
-#include "fuzz/support/scripted_ws_peer.h"
+#include "fuzz/support/harness.h"
+#include "fuzz/support/loopback_peer.h"
 #include "messaging/message_service.h"
 #include "runtime/event_loop.h"
 #include "transport/transport.h"
 
 namespace {
 
+using tellora::fuzzing::fail;
+
 using namespace tellora;
 using namespace std::chrono_literals;
 using fuzzing::FuzzInput;
-using fuzzing::ScriptedWsPeer;
+using fuzzing::LoopbackPeer;
 using fuzzing::wsFrame;
 using fuzzing::wsFrameHeader;
 
@@ -38,12 +39,6 @@ constexpr int kMaxReopens = 3;
 constexpr int kMaxTicks = 400;
 constexpr auto kAcceptLimit = 150ms;
 constexpr auto kScriptLimit = 1500ms;
-
-// A harness invariant broke: report it as a crash so libFuzzer keeps the input.
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "client_stack_fuzzer: %s\n", what);
-  std::abort();
-}
 
 const std::string kFingerprint(156, 'A');
 
@@ -107,15 +102,14 @@ class Client : public std::enable_shared_from_this<Client> {
 };
 
 std::string bytesFrom(FuzzInput& input, size_t count) {
-  std::string bytes;
-  bytes.reserve(count);
-  for (size_t i = 0; i < count; ++i)
-    bytes += static_cast<char>(input.byte());
+  std::string bytes(count, '\0');
+  for (auto& c : bytes)
+    c = static_cast<char>(input.byte());
   return bytes;
 }
 
 // The answer to the client's last request, as a server replies.
-std::string reply(const ScriptedWsPeer& peer, uint8_t shape) {
+std::string reply(const LoopbackPeer& peer, uint8_t shape) {
   const std::string id = std::to_string(peer.lastRequestId().value_or(0));
   switch (shape % 4) {
     case 0:
@@ -132,7 +126,7 @@ std::string reply(const ScriptedWsPeer& peer, uint8_t shape) {
 
 // A new connection from the client, answered as the input says: upgraded, or
 // refused with a status, or sent junk. False when the script is over.
-bool takeConnection(ScriptedWsPeer& peer, FuzzInput& input, size_t& connections) {
+bool takeConnection(LoopbackPeer& peer, FuzzInput& input, size_t& connections) {
   if (++connections > kMaxConnections || !peer.accept(kAcceptLimit)) return false;
   const uint8_t how = input.byte();
   switch (how % 8) {
@@ -151,7 +145,7 @@ bool takeConnection(ScriptedWsPeer& peer, FuzzInput& input, size_t& connections)
 }
 
 // Sends one operation's bytes; false when the script is over.
-bool perform(ScriptedWsPeer& peer, FuzzInput& input, size_t& connections) {
+bool perform(LoopbackPeer& peer, FuzzInput& input, size_t& connections) {
   const uint8_t op = input.byte();
   const uint8_t arg = input.byte();
   switch (op % 12) {
@@ -204,10 +198,9 @@ bool perform(ScriptedWsPeer& peer, FuzzInput& input, size_t& connections) {
     case 9:  // the end of the stream, then the client's next attempt
       peer.endStream();
       return takeConnection(peer, input, connections);
-    case 10:  // a binary message
-      return peer.send(wsFrame(kFin | kOpcodeBinary, reply(peer, arg)));
-    default:  // a plain reply
-      return peer.send(wsFrame(kFin | kOpcodeText, reply(peer, arg)));
+    default:  // a plain reply, or the same as a binary message
+      return peer.send(
+          wsFrame(kFin | (op % 12 == 10 ? kOpcodeBinary : kOpcodeText), reply(peer, arg)));
   }
 }
 
@@ -220,7 +213,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzInput input(data, size);
-  ScriptedWsPeer peer;
+  LoopbackPeer peer;
   auto client = EventLoop::main().call([&] {
     auto made = std::make_shared<Client>(peer.port());
     made->start();

@@ -13,7 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "fuzz/support/scratch_folder.h"
+#include "fuzz/support/harness.h"
 #include "messaging/client_messages.h"
 #include "messaging/inbound_json.h"
 #include "messaging/message_service.h"
@@ -23,14 +23,10 @@
 
 namespace {
 
+using tellora::fuzzing::fail;
+
 using namespace tellora;
 using nlohmann::json;
-
-// A harness invariant broke: report it as a crash so libFuzzer keeps the input.
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "message_service_fuzzer: %s\n", what);
-  std::abort();
-}
 
 // What the pushes told the delegate, kept as the facade keeps its nearby list.
 class RecordingDelegate : public TLRMessageServiceDelegate {

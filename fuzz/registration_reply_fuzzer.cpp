@@ -8,6 +8,7 @@
 // 0 Content-Length, 1 until the connection ends, 2 chunked (chunks of
 // parameter + 1 bytes), 3 a Content-Length off by the parameter (signed).
 // Bit 2 adds a JSON Content-Type, bit 3 an interim "100 Continue" first.
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -19,9 +20,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "fuzz/support/fuzz_input.h"
-#include "fuzz/support/loopback_http_responder.h"
-#include "fuzz/support/scratch_folder.h"
+#include "fuzz/support/harness.h"
+#include "fuzz/support/loopback_peer.h"
 #include "registration/device_info.h"
 #include "registration/http_error.h"
 #include "registration/registration_service.h"
@@ -29,15 +29,12 @@
 
 namespace {
 
+using tellora::fuzzing::fail;
+
 using namespace tellora;
 using tellora::fuzzing::FuzzInput;
 
 constexpr auto kStepLimit = std::chrono::seconds(10);
-
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "registration_reply_fuzzer: %s\n", what);
-  std::abort();
-}
 
 struct Response {
   std::string bytes;
@@ -76,12 +73,9 @@ Response buildResponse(FuzzInput& in) {
       r += "Transfer-Encoding: chunked\r\n\r\n";
       const size_t chunk = parameter + 1u;
       for (size_t at = 0; at < body.size(); at += chunk) {
-        const std::string_view piece = std::string_view(body).substr(at, chunk);
         char size[20];
-        std::snprintf(size, sizeof size, "%zx\r\n", piece.size());
-        r += size;
-        r += piece;
-        r += "\r\n";
+        std::snprintf(size, sizeof size, "%zx\r\n", std::min(chunk, body.size() - at));
+        r += size + body.substr(at, chunk) + "\r\n";
       }
       r += "0\r\n\r\n";
       break;
@@ -102,15 +96,9 @@ struct Outcome {
   std::optional<TLRError> error;
 };
 
-bool isBlank(std::string_view text) {
-  return text.find_first_not_of(" \t\r\n") == std::string_view::npos;
-}
-
 std::optional<std::string> stringMember(const nlohmann::json& reply, const char* key) {
-  if (!reply.is_object()) return std::nullopt;
-  auto found = reply.find(key);
-  if (found == reply.end() || !found->is_string()) return std::nullopt;
-  return found->get<std::string>();
+  if (!reply.is_object() || !reply.contains(key) || !reply[key].is_string()) return std::nullopt;
+  return reply[key].get<std::string>();
 }
 
 // With exact framing the outcome follows from the status and the body alone.
@@ -124,7 +112,7 @@ void checkOutcome(const Response& response, const Outcome& outcome) {
     return;
   }
   // A 204 has no body, whatever follows its header.
-  if (status == 204 || isBlank(response.body)) {
+  if (status == 204 || response.body.find_first_not_of(" \t\r\n") == std::string::npos) {
     if (outcome.error || outcome.clientID || outcome.clientSecret) fail("identity from no body");
     return;
   }
@@ -155,14 +143,14 @@ void handleLikeTheFacade(const Outcome& outcome) {
   }
 }
 
-tellora::fuzzing::LoopbackHttpResponder* responder = nullptr;
+tellora::fuzzing::LoopbackPeer* responder = nullptr;
 const TLRDeviceInfo* deviceInfo = nullptr;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   tellora::fuzzing::prepareQuietSdk(/*debug=*/true);
-  responder = new tellora::fuzzing::LoopbackHttpResponder();
+  responder = new tellora::fuzzing::LoopbackPeer();
   deviceInfo = new TLRDeviceInfo("Linux", "6.1", "x86_64", "en", "com.example.fuzz", "1.0");
   return 0;
 }
@@ -174,13 +162,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::promise<Outcome> done;
   auto outcome = done.get_future();
   TLRRegistrationService::registerClientOnServer(
-      responder->url("/register"), 7, "fuzz-secret", *deviceInfo,
+      "http://127.0.0.1:" + std::to_string(responder->port()) + "/register", 7, "fuzz-secret",
+      *deviceInfo,
       [&done](std::optional<std::string> id, std::optional<std::string> secret,
               std::optional<TLRError> error) {
         done.set_value(Outcome{std::move(id), std::move(secret), std::move(error)});
       });
   if (!responder->serveOne(response.bytes, kStepLimit)) fail("the client did not finish its part");
-  if (outcome.wait_for(kStepLimit) != std::future_status::ready) fail("no outcome");
+  // A redirect back to this peer (a Location in raw bytes) gets the same
+  // answer again, until the client's redirect limit ends it.
+  const auto deadline = std::chrono::steady_clock::now() + kStepLimit;
+  while (outcome.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready &&
+         std::chrono::steady_clock::now() < deadline) {
+    if (responder->accept(std::chrono::milliseconds(20)) && responder->send(response.bytes))
+      responder->endStream();
+  }
+  if (outcome.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready)
+    fail("no outcome");
   const Outcome result = outcome.get();
   if (response.exactStatus) checkOutcome(response, result);
   handleLikeTheFacade(result);

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "fuzz/support/fuzz_input.h"
+#include "fuzz/support/harness.h"
 #include "server/client_store.h"
 #include "server/hub.h"
 #include "server/registration.h"

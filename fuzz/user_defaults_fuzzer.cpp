@@ -6,39 +6,29 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <string>
 #include <variant>
 
 #include <nlohmann/json.hpp>
 
-#include "fuzz/support/scratch_folder.h"
+#include "fuzz/support/harness.h"
 #include "runtime/user_defaults.h"
 #include "tellora/tellora.h"
 
 namespace {
+
+using tellora::fuzzing::fail;
 
 using tellora::UserDefaults;
 using Values = std::map<std::string, std::variant<bool, std::string>>;
 
 constexpr const char* kWrittenKey = "fuzz-written";
 
-[[noreturn]] void fail(const char* what) {
-  std::fprintf(stderr, "user_defaults_fuzzer: %s\n", what);
-  std::abort();
-}
-
 void writeFile(const std::string& path, const uint8_t* data, size_t size) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) fail("cannot write the input file");
-  size_t written = 0;
-  while (written < size) {
-    const ssize_t n = ::write(fd, data + written, size - written);
-    if (n <= 0) fail("cannot write the input file");
-    written += static_cast<size_t>(n);
-  }
+  if (fd < 0 || ::write(fd, data, size) != static_cast<ssize_t>(size))
+    fail("cannot write the input file");
   ::close(fd);
 }
 
@@ -49,11 +39,8 @@ Values valuesOf(const std::string& text) {
   const auto json = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (!json.is_object()) return values;
   for (const auto& [key, value] : json.items()) {
-    if (value.is_string()) {
-      values[key] = value.get<std::string>();
-    } else if (value.is_boolean()) {
-      values[key] = value.get<bool>();
-    }
+    if (value.is_string()) values[key] = value.get<std::string>();
+    if (value.is_boolean()) values[key] = value.get<bool>();
   }
   return values;
 }

@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <deque>
+#include <mutex>
 #include <thread>
 
 #include "audio/portaudio_start_errors.h"
@@ -15,33 +17,98 @@
 namespace tellora {
 namespace {
 
-using audiotest::FakeAudioBackend;
 using audiotest::LoopRecorder;
 using audiotest::RecorderNotifications;
 using audiotest::RecordingDelegate;
 using std::chrono::milliseconds;
+using SteadyTime = std::chrono::steady_clock::time_point;
+
+// A backend the test steers: start results come from a script (success once
+// the script is used up), and the test delivers blocks through the sink of the
+// newest source, from whatever thread it likes.
+class FakeAudioBackend : public std::enable_shared_from_this<FakeAudioBackend> {
+ public:
+  struct State {
+    std::deque<TLRAudioStartResult> script;
+    std::optional<std::chrono::milliseconds> stallTimeout;
+    std::optional<TLRAudioSourceFormat> lastFormat;
+    std::vector<SteadyTime> startTimes;
+    TLRAudioSource::BlockSink sink;  // of the newest started source, even once stopped
+    int sourcesMade = 0;
+    int stops = 0;
+    bool running = false;
+  };
+
+  // Reads or changes the state under the lock.
+  template <class F>
+  auto with(F f) {
+    std::lock_guard lock(mutex_);
+    return f(state_);
+  }
+  State state() {
+    return with([](State& s) { return s; });
+  }
+
+  TLRAudioSourceFactory factory() {
+    return [backend = shared_from_this()] {
+      backend->with([](State& s) { ++s.sourcesMade; });
+      return std::make_unique<Source>(backend);
+    };
+  }
+  // False when no source ever started.
+  bool deliver(const std::vector<int16_t>& items, double firstItemTicks) {
+    const auto sink = state().sink;
+    if (sink) sink(items.data(), static_cast<uint32_t>(items.size()), firstItemTicks);
+    return static_cast<bool>(sink);
+  }
+
+ private:
+  class Source final : public TLRAudioSource {
+   public:
+    explicit Source(std::shared_ptr<FakeAudioBackend> backend) : backend_(std::move(backend)) {}
+    TLRAudioStartResult start(const TLRAudioSourceFormat& format, BlockSink sink) override {
+      return backend_->with([&](State& s) {
+        s.startTimes.push_back(std::chrono::steady_clock::now());
+        s.lastFormat = format;
+        TLRAudioStartResult result = TLRAudioStartResult::success();
+        if (!s.script.empty()) {
+          result = s.script.front();
+          s.script.pop_front();
+        }
+        if (result.ok()) {
+          s.sink = std::move(sink);
+          s.running = true;
+        }
+        return result;
+      });
+    }
+    void stop() override {
+      backend_->with([](State& s) {
+        ++s.stops;
+        s.running = false;
+      });
+    }
+    std::optional<std::chrono::milliseconds> stallTimeout() const override {
+      return backend_->with([](State& s) { return s.stallTimeout; });
+    }
+
+   private:
+    std::shared_ptr<FakeAudioBackend> backend_;
+  };
+
+  std::mutex mutex_;
+  State state_;
+};
 
 class RecorderTest : public ::testing::Test {
  protected:
-  void SetUp() override { recorder_->report(delegate_, unit_); }
-
   milliseconds unit_{150};
   std::shared_ptr<FakeAudioBackend> backend_ = std::make_shared<FakeAudioBackend>();
-  std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
   RecorderNotifications notifications_;
   std::unique_ptr<LoopRecorder> recorder_ =
-      std::make_unique<LoopRecorder>(8000.0, backend_->factory());
+      std::make_unique<LoopRecorder>(8000.0, backend_->factory(), unit_);
+  std::shared_ptr<RecordingDelegate> delegate_ = recorder_->delegate;
 };
-
-TEST_F(RecorderTest, StartsWithTheFormatTheHasherExpects) {
-  recorder_->start();
-  const auto format = backend_->state().lastFormat;
-  ASSERT_TRUE(format.has_value());
-  EXPECT_EQ(format->sampleRate, 8000.0);
-  EXPECT_EQ(format->itemsPerBlock, 800u);
-  EXPECT_TRUE(recorder_->isRec());
-  EXPECT_EQ(notifications_.count(TLRAudioConnectSuccNotification), 1u);
-}
 
 TEST_F(RecorderTest, NotPermittedReportsError101AndNeverRetries) {
   backend_->with([](auto& s) { s.script = {TLRAudioStartResult::notPermitted(-9985, "Pa_Open")}; });
@@ -123,6 +190,9 @@ TEST_F(RecorderTest, StartAndStopActOnlyOnAChangeAndEveryStartBuildsAFreshSource
   recorder_->stop();
   EXPECT_EQ(backend_->state().sourcesMade, 0);
   recorder_->start();
+  // The format the hasher expects.
+  EXPECT_EQ(backend_->state().lastFormat->sampleRate, 8000.0);
+  EXPECT_EQ(backend_->state().lastFormat->itemsPerBlock, 800u);
   recorder_->start();
   EXPECT_EQ(backend_->state().sourcesMade, 1);
   recorder_->stop();
@@ -149,12 +219,17 @@ TEST_F(RecorderTest, ANewSourceFactoryServesFromTheNextStartOn) {
   EXPECT_TRUE(other->state().running);
 }
 
-TEST_F(RecorderTest, StopCancelsAPendingRetry) {
-  backend_->with([](auto& s) { s.script = {TLRAudioStartResult::failure(-1, "Pa_StartStream")}; });
-  recorder_->start();
+TEST_F(RecorderTest, StopCancelsAPendingRetryAndEndsTheStallWatch) {
+  backend_->with([](auto& s) {
+    s.script = {TLRAudioStartResult::failure(-1, "Pa_StartStream")};
+    s.stallTimeout = milliseconds(300);
+  });
+  recorder_->start();  // fails: a retry is pending
   recorder_->stop();
-  std::this_thread::sleep_for(unit_ * 3);
-  EXPECT_EQ(backend_->state().sourcesMade, 1);
+  recorder_->start();  // runs, watched for stalls
+  recorder_->stop();
+  std::this_thread::sleep_for(milliseconds(300) + unit_ * 3);
+  EXPECT_EQ(backend_->state().sourcesMade, 2);
   EXPECT_EQ(notifications_.count(TLRAudioErrorNotification), 0u);
   EXPECT_FALSE(recorder_->isRec());
 }
@@ -195,22 +270,12 @@ TEST_F(RecorderTest, BlocksFromAStoppedOrEarlierRunAreDropped) {
   EXPECT_EQ(blocks[0].items, (std::vector<int16_t>{4, 5}));
 }
 
-TEST_F(RecorderTest, StopEndsTheStallWatch) {
-  backend_->with([](auto& s) { s.stallTimeout = milliseconds(300); });
-  recorder_->start();
-  recorder_->stop();
-  std::this_thread::sleep_for(milliseconds(300) + unit_ * 2);
-  EXPECT_EQ(backend_->state().sourcesMade, 1);
-  EXPECT_EQ(notifications_.count(TLRAudioErrorNotification), 0u);
-}
-
 TEST(RecorderLifetimeTest, DestroyingTheRecorderCancelsItsRetry) {
   auto backend = std::make_shared<FakeAudioBackend>();
   backend->with([](auto& s) { s.script = {TLRAudioStartResult::failure(-1, "Pa_StartStream")}; });
   RecorderNotifications notifications;
   {
-    LoopRecorder recorder(8000.0, backend->factory());
-    recorder.run([](TLRRecorder& r) { r.setRetryDelayUnit(milliseconds(50)); });
+    LoopRecorder recorder(8000.0, backend->factory(), milliseconds(50));
     recorder.start();
   }
   std::this_thread::sleep_for(milliseconds(200));

@@ -1,11 +1,9 @@
-// What the recorder tests share: a scripted audio source, a delegate that
-// keeps what it receives, a log of the recorder's notifications, and a
-// recorder living on the SDK's loop.
+// What the recorder tests share: a delegate that keeps what it receives, a log of the recorder's
+// notifications, and a recorder living on the SDK's loop.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -26,83 +24,6 @@ using testing::Recorded;
 
 // Far beyond any expected delay: only turns a hang into a failure.
 inline constexpr auto kPatience = std::chrono::seconds(20);
-
-// A backend the test steers: start results come from a script (success once
-// the script is used up), and the test delivers blocks through the sink of the
-// newest source, from whatever thread it likes.
-class FakeAudioBackend : public std::enable_shared_from_this<FakeAudioBackend> {
- public:
-  struct State {
-    std::deque<TLRAudioStartResult> script;
-    std::optional<std::chrono::milliseconds> stallTimeout;
-    std::optional<TLRAudioSourceFormat> lastFormat;
-    std::vector<SteadyTime> startTimes;
-    TLRAudioSource::BlockSink sink;  // of the newest started source, even once stopped
-    int sourcesMade = 0;
-    int stops = 0;
-    bool running = false;
-  };
-
-  // Reads or changes the state under the lock.
-  template <class F>
-  auto with(F f) {
-    std::lock_guard lock(mutex_);
-    return f(state_);
-  }
-  State state() {
-    return with([](State& s) { return s; });
-  }
-
-  TLRAudioSourceFactory factory() {
-    return [backend = shared_from_this()] {
-      backend->with([](State& s) { ++s.sourcesMade; });
-      return std::make_unique<Source>(backend);
-    };
-  }
-  // False when no source ever started.
-  bool deliver(const std::vector<int16_t>& items, double firstItemTicks) {
-    const auto sink = state().sink;
-    if (sink) sink(items.data(), static_cast<uint32_t>(items.size()), firstItemTicks);
-    return static_cast<bool>(sink);
-  }
-
- private:
-  class Source final : public TLRAudioSource {
-   public:
-    explicit Source(std::shared_ptr<FakeAudioBackend> backend) : backend_(std::move(backend)) {}
-    TLRAudioStartResult start(const TLRAudioSourceFormat& format, BlockSink sink) override {
-      return backend_->with([&](State& s) {
-        s.startTimes.push_back(std::chrono::steady_clock::now());
-        s.lastFormat = format;
-        TLRAudioStartResult result = TLRAudioStartResult::success();
-        if (!s.script.empty()) {
-          result = s.script.front();
-          s.script.pop_front();
-        }
-        if (result.ok()) {
-          s.sink = std::move(sink);
-          s.running = true;
-        }
-        return result;
-      });
-    }
-    void stop() override {
-      backend_->with([](State& s) {
-        ++s.stops;
-        s.running = false;
-      });
-    }
-    std::optional<std::chrono::milliseconds> stallTimeout() const override {
-      return backend_->with([](State& s) { return s.stallTimeout; });
-    }
-
-   private:
-    std::shared_ptr<FakeAudioBackend> backend_;
-  };
-
-  std::mutex mutex_;
-  State state_;
-};
 
 struct ReceivedBlock {
   std::vector<int16_t> items;
@@ -152,8 +73,6 @@ class RecorderNotifications {
     for (auto token : tokens_)
       TLRNotificationCenter::defaultCenter().removeObserver(token);
   }
-  RecorderNotifications(const RecorderNotifications&) = delete;
-  RecorderNotifications& operator=(const RecorderNotifications&) = delete;
 
   size_t count(const std::string& name) const {
     return entries_->countIf([&](const Entry& e) { return e.name == name; });
@@ -168,18 +87,22 @@ class RecorderNotifications {
   std::vector<TLRNotificationCenter::ObserverToken> tokens_;
 };
 
-// A recorder made, driven and destroyed on the loop, as the SDK does.
+// A recorder made, driven and destroyed on the loop, as the SDK does. Blocks
+// and errors go to `delegate`; retries are `unit` apart when given.
 class LoopRecorder {
  public:
-  LoopRecorder(double sampleRate, TLRAudioSourceFactory factory) {
-    EventLoop::main().call(
-        [&] { recorder_ = std::make_unique<TLRRecorder>(sampleRate, std::move(factory)); });
+  LoopRecorder(double sampleRate, TLRAudioSourceFactory factory,
+               std::optional<std::chrono::milliseconds> unit = std::nullopt) {
+    EventLoop::main().call([&] {
+      recorder_ = std::make_unique<TLRRecorder>(sampleRate, std::move(factory));
+      recorder_->setDelegate(delegate);
+      recorder_->setErrorHandler(delegate);
+      if (unit) recorder_->setRetryDelayUnit(*unit);
+    });
   }
   ~LoopRecorder() {
     EventLoop::main().call([&] { recorder_.reset(); });
   }
-  LoopRecorder(const LoopRecorder&) = delete;
-  LoopRecorder& operator=(const LoopRecorder&) = delete;
 
   template <class F>
   auto run(F&& f) {
@@ -194,15 +117,8 @@ class LoopRecorder {
   bool isRec() {
     return run([](TLRRecorder& r) { return r.isRec(); });
   }
-  // Blocks and errors go to `delegate`; retries are `unit` apart when given.
-  void report(const std::shared_ptr<RecordingDelegate>& delegate,
-              std::optional<std::chrono::milliseconds> unit = std::nullopt) {
-    run([&](TLRRecorder& r) {
-      r.setDelegate(delegate);
-      r.setErrorHandler(delegate);
-      if (unit) r.setRetryDelayUnit(*unit);
-    });
-  }
+
+  const std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
 
  private:
   std::unique_ptr<TLRRecorder> recorder_;

@@ -54,8 +54,6 @@ TEST(SharedInstanceTest, HostDrivesSearchThroughStaticEntryPoints) {
   EXPECT_EQ(sandbox.countLog("Tellora: set custom configuration is OK"), 2u);
 
   auto& tellora = TLRTellora::sharedInstance();
-  EXPECT_EQ(&tellora, &TLRTellora::sharedInstance());
-  EXPECT_FALSE(tellora.isSearching());
   // Started while still registering, a search would register a second time.
   ASSERT_TRUE(waitUntil([&] { return tellora.telloraState() == TLRTelloraStateConnected; }));
   TLRTellora::startSearchingWithPayload(
@@ -74,15 +72,11 @@ TEST(SharedInstanceTest, HostDrivesSearchThroughStaticEntryPoints) {
   EXPECT_EQ(body["app"]["secretKey"], "custom-key");
   EXPECT_EQ(body["app"]["id"], 11);
   EXPECT_EQ(tellora.clientID(), "shared-id");
-  EXPECT_EQ(tellora.clientSecret(), "s");
-  EXPECT_EQ(tellora.telloraState(), TLRTelloraStateConnected);
   EXPECT_EQ(tellora.searchState(), TLRSearchStateSearching);
   EXPECT_NEAR(tellora.timeDifference(), 0, 50);
   ASSERT_EQ(match.requestsOfType(1).size(), 1u);
   EXPECT_EQ(match.requestsOfType(1)[0]["data"], "shared-payload");
-  const auto nearby = tellora.nearbyClients();
-  ASSERT_EQ(nearby.size(), 1u);
-  EXPECT_EQ(nearby[0].clientID(), "peer");
+  ASSERT_EQ(tellora.nearbyClients().size(), 1u);
 
   // Stopping with a block of its own leaves the search's callback out.
   // Counters are shared: the instance keeps its callbacks after the test.

@@ -13,8 +13,6 @@
 #include "runtime/clock.h"
 #include "server/server.h"
 #include "tellora/audio_source.h"
-#include "tellora/logging.h"
-#include "tellora/notifications.h"
 #include "tests/faults/facade_fixture.h"
 
 namespace tellora::faults {
@@ -80,15 +78,8 @@ class AudioDeviceFaults : public FacadeFaultTest {
     FacadeFaultTest::SetUp();
     // Debug logging shows every fingerprint the search sends.
     UserDefaults::standard().setBool("debug", true);
-    auto log = host;
-    TLRSetLogSink([log](std::string_view line) { log->logLine(std::string(line)); });
-    observer = TLRNotificationCenter::defaultCenter().addObserver(
-        TLRAudioErrorNotification, [messages = audioErrors](const TLRNotification& n) {
-          auto message = n.userInfo.find("message");
-          const auto* text =
-              message == n.userInfo.end() ? nullptr : std::get_if<std::string>(&message->second);
-          messages->add(text ? *text : "");
-        });
+    captureLog();
+    observe(TLRAudioErrorNotification, "message", audioErrors);
     server::ServerOptions options;
     options.port = 0;
     options.databasePath = ":memory:";
@@ -100,8 +91,6 @@ class AudioDeviceFaults : public FacadeFaultTest {
     disconnect();
     server->stop();
     FacadeFaultTest::TearDown();
-    TLRNotificationCenter::defaultCenter().removeObserver(observer);
-    TLRSetLogSink({});
   }
 
   // Sets up, waits for the connection and starts a search; the recorder
@@ -120,16 +109,13 @@ class AudioDeviceFaults : public FacadeFaultTest {
   int64_t searchState() {
     return EventLoop::main().call([&] { return facade->searchState(); });
   }
-  std::vector<std::string> audioErrorMessages() { return audioErrors->get(); }
   std::size_t fingerprintsSent() { return host->countLogStartingWith("startTime == "); }
   bool fingerprintsFlowAfter(std::size_t sentBefore) {
     return waitUntil([&] { return fingerprintsSent() >= sentBefore + 3; }, 10s);
   }
 
   std::shared_ptr<Device> device = std::make_shared<Device>();
-  std::shared_ptr<testing::WatchedList<std::string>> audioErrors =
-      std::make_shared<testing::WatchedList<std::string>>();
-  TLRNotificationCenter::ObserverToken observer = 0;
+  std::shared_ptr<Lines> audioErrors = std::make_shared<Lines>();
   std::unique_ptr<server::Server> server;
 };
 
@@ -137,26 +123,26 @@ TEST_F(AudioDeviceFaults, DeviceThatFailsToStartIsRetriedUntilItRuns) {
   device->failuresLeft = 3;
   search();
   ASSERT_TRUE(waitUntil([&] { return device->starts == 1; }, 5s));
-  EXPECT_EQ(audioErrorMessages(),
+  EXPECT_EQ(audioErrors->get(),
             (std::vector<std::string>{
                 "Error with code -9999 occure - Pa_StartStream attemptCount == 2",
                 "Error with code -9999 occure - Pa_StartStream attemptCount == 3",
                 "Error with code -9999 occure - Pa_StartStream attemptCount == 4"}));
   EXPECT_TRUE(fingerprintsFlowAfter(0));
   // A failed start is the recorder's business: the host's search goes on.
-  EXPECT_TRUE(host->stops().empty());
+  EXPECT_TRUE(host->stops.get().empty());
   EXPECT_EQ(searchState(), TLRSearchStateSearching);
 }
 
 TEST_F(AudioDeviceFaults, DeviceThatVanishesMidSearchIsPickedUpAgain) {
   search();
   ASSERT_TRUE(fingerprintsFlowAfter(0));
-  ASSERT_TRUE(audioErrorMessages().empty());
+  ASSERT_TRUE(audioErrors->get().empty());
 
   device->unplugged = true;
   // The silence is noticed, then every start fails while the device is gone.
   ASSERT_TRUE(audioErrors->waitForSize(3));
-  const auto messages = audioErrorMessages();
+  const auto messages = audioErrors->get();
   EXPECT_EQ(messages[0], "Error with code -9987 occure - audioDataReceived attemptCount == 2");
   EXPECT_EQ(messages[1], "Error with code -9996 occure - Pa_OpenStream attemptCount == 3");
   EXPECT_EQ(telloraState(), TLRTelloraStateConnected);
@@ -168,7 +154,7 @@ TEST_F(AudioDeviceFaults, DeviceThatVanishesMidSearchIsPickedUpAgain) {
   device->unplugged = false;
   ASSERT_TRUE(waitUntil([&] { return device->starts == 2; }, 5s));
   EXPECT_TRUE(fingerprintsFlowAfter(sentWhileGone));
-  EXPECT_TRUE(host->stops().empty());
+  EXPECT_TRUE(host->stops.get().empty());
 }
 
 }  // namespace

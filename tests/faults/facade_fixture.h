@@ -1,24 +1,80 @@
-// Base fixture of the fault tests that drive an in-process SDK instance: a
-// private defaults store, the host's view of the instance, and a clean
-// disconnect after every test.
+// What the fault tests share: waits on programs running in the background,
+// what a host sees of an in-process SDK instance (recorded from SDK threads,
+// read by the test thread), and the base fixture that drives such an
+// instance: a private defaults store and a clean disconnect after every test.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "facade/tellora_impl.h"
 #include "runtime/event_loop.h"
 #include "runtime/user_defaults.h"
+#include "tellora/error.h"
+#include "tellora/logging.h"
+#include "tellora/notifications.h"
 #include "tellora/tellora.h"
-#include "tests/faults/host_log.h"
-#include "tests/faults/process_waits.h"
+#include "tests/support/child_process.h"
+#include "tests/support/watched.h"
 #include "tests/tools/scratch_dir.h"
 
 namespace tellora::faults {
+
+using testing::BackgroundProcess;
+using Lines = testing::WatchedList<std::string>;
+
+// Polls `condition` every 50 ms until it holds or `timeout` passes.
+inline bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return true;
+}
+
+// The "listening on 127.0.0.1:P" port a tellora-server printed; 0 before that.
+inline uint16_t listeningPort(const std::string& serverOutput) {
+  const auto at = serverOutput.find("listening on ");
+  const auto colon = serverOutput.find(':', at);
+  if (at == std::string::npos || colon == std::string::npos ||
+      serverOutput.find('\n', at) == std::string::npos)
+    return 0;
+  return static_cast<uint16_t>(std::atoi(serverOutput.c_str() + colon + 1));
+}
+
+struct HostLog {
+  struct Stop {
+    std::optional<TLRError> error;
+    std::chrono::steady_clock::time_point at;
+  };
+
+  int startedCount() const { return starts.get(); }
+  std::vector<Stop> stopsWithCode(int64_t code) const {
+    auto matching = stops.get();
+    std::erase_if(matching, [&](const Stop& s) { return !s.error || s.error->code != code; });
+    return matching;
+  }
+  std::size_t countLogStartingWith(const std::string& prefix) const {
+    const auto lines = log.get();
+    return static_cast<std::size_t>(std::count_if(
+        lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }));
+  }
+
+  testing::Watched<int> starts;
+  testing::WatchedList<Stop> stops;
+  Lines log;  // the SDK's log lines, once captureLog() ran
+};
 
 // A configuration for app 7 registering on `port` and opening its WebSocket on
 // `wsPort` (the same port unless a proxy sits in between).
@@ -42,6 +98,25 @@ class FacadeFaultTest : public ::testing::Test {
     disconnect();
     EventLoop::main().drain();
     EventLoop::main().drain();
+    for (auto token : observers_)
+      TLRNotificationCenter::defaultCenter().removeObserver(token);
+    TLRSetLogSink({});
+  }
+
+  // The SDK's log lines go to host->log.
+  void captureLog() {
+    TLRSetLogSink([log = host](std::string_view line) { log->log.add(std::string(line)); });
+  }
+  // The string `key` of every `notification` goes to `into`.
+  void observe(const std::string& notification, const std::string& key,
+               std::shared_ptr<Lines> into) {
+    observers_.push_back(TLRNotificationCenter::defaultCenter().addObserver(
+        notification, [key, into](const TLRNotification& n) {
+          const auto value = n.userInfo.find(key);
+          const auto* text =
+              value == n.userInfo.end() ? nullptr : std::get_if<std::string>(&value->second);
+          into->add(text ? *text : "");
+        }));
   }
 
   // Creates the instance; the host log hears of every start and stop.
@@ -50,8 +125,11 @@ class FacadeFaultTest : public ::testing::Test {
     facade = EventLoop::main().call([&, log = host] {
       auto created = TLRTelloraImpl::create();
       created->setTimings(linkCheckInterval, retryInterval, std::chrono::milliseconds(50));
-      created->setHostCallbacks([log] { log->started(); }, nullptr, nullptr,
-                                [log](const std::optional<TLRError>& e) { log->stopped(e); });
+      created->setHostCallbacks([log] { log->starts.update([](int& n) { ++n; }); }, nullptr,
+                                nullptr,
+                                [log](const std::optional<TLRError>& e) {
+                                  log->stops.add({e, std::chrono::steady_clock::now()});
+                                });
       created->setConfiguration(c);
       return created;
     });
@@ -78,6 +156,9 @@ class FacadeFaultTest : public ::testing::Test {
   testtools::ScratchDir dir;
   std::shared_ptr<HostLog> host = std::make_shared<HostLog>();
   std::shared_ptr<TLRTelloraImpl> facade;
+
+ private:
+  std::vector<TLRNotificationCenter::ObserverToken> observers_;
 };
 
 }  // namespace tellora::faults

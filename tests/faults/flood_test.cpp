@@ -4,14 +4,11 @@
 // client must still connect and have its requests answered, and the server's
 // memory must stay bounded: a second identical flood may not grow it much.
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/time.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
-#include <boost/beast/websocket.hpp>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -26,7 +23,6 @@ namespace {
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
-namespace websocket = beast::websocket;
 using tcp = asio::ip::tcp;
 using namespace std::chrono_literals;
 
@@ -63,27 +59,17 @@ class LoadClient {
   // noise, unknown types, and finally a frame that breaks the protocol.
   void openMisbehavingSessions(const std::vector<Registration>& identities) {
     for (const auto& identity : identities) {
-      auto ws = std::make_unique<websocket::stream<tcp::socket>>(io_);
-      ws->next_layer().connect(server_);
-      ws->set_option(websocket::stream_base::decorator([identity](websocket::request_type& r) {
-        r.set("clientId", identity.clientId);
-        r.set("clientSecret", identity.clientSecret);
-      }));
-      beast::error_code ec;
-      ws->handshake("127.0.0.1", "/ws", ec);
-      if (ec) {
+      auto ws = server_test::WsClient::open({server_.port(), "", 0, {}}, identity);
+      if (!ws) {
         ++refusedSessions;
         continue;
       }
-      ws->text(true);
-      ws->write(asio::buffer(std::string("{\"requestId\": ")), ec);
-      ws->write(asio::buffer(std::string(R"({"type":"4","data":{"fingerprint":12}})")), ec);
-      ws->write(asio::buffer(std::string(R"({"type":99999999999999999999,"requestId":-1})")), ec);
-      ws->binary(true);
-      ws->write(asio::buffer(std::string(2048, '\xff')), ec);
+      for (const char* text : {"{\"requestId\": ", R"({"type":"4","data":{"fingerprint":12}})",
+                               R"({"type":99999999999999999999,"requestId":-1})"})
+        ws->send(text, true);
+      ws->send(std::string(2048, '\xff'));
       // An unmasked frame with reserved bits and an undefined opcode.
-      const unsigned char broken[] = {0xFB, 0x05, 'h', 'e', 'l', 'l', 'o'};
-      asio::write(ws->next_layer(), asio::buffer(broken), ec);
+      ws->sendRaw(std::string("\xFB\x05hello", 7));
       sessions_.push_back(std::move(ws));
     }
   }
@@ -92,27 +78,12 @@ class LoadClient {
   // after the broken frame; each waits at most `timeout` for it.
   int sessionsEndedByServer(std::chrono::milliseconds timeout) {
     int ended = 0;
-    for (auto& ws : sessions_) {
-      timeval limit{0, static_cast<suseconds_t>(timeout.count() * 1000)};
-      setsockopt(ws->next_layer().native_handle(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-      beast::error_code ec;
-      for (int replies = 0; replies < 16 && !ec; ++replies) {
-        beast::flat_buffer buffer;
-        ws->read(buffer, ec);
-      }
-      const bool timedOut = ec == asio::error::would_block || ec == asio::error::try_again ||
-                            ec == asio::error::timed_out;
-      if (ec && !timedOut) ++ended;
-    }
+    for (auto& ws : sessions_)
+      ended += ws->awaitClose(timeout).has_value();
     return ended;
   }
 
   void closeAll() {
-    beast::error_code ignored;
-    for (auto& socket : raw_)
-      socket->close(ignored);
-    for (auto& ws : sessions_)
-      ws->next_layer().close(ignored);
     raw_.clear();
     sessions_.clear();
   }
@@ -123,7 +94,7 @@ class LoadClient {
   asio::io_context io_;
   tcp::endpoint server_;
   std::vector<std::unique_ptr<tcp::socket>> raw_;
-  std::vector<std::unique_ptr<websocket::stream<tcp::socket>>> sessions_;
+  std::vector<std::unique_ptr<server_test::WsClient>> sessions_;
 };
 
 class ServerUnderFlood : public FacadeFaultTest {

@@ -49,7 +49,7 @@ TEST_F(RefusedUpgrade, EveryRefusalReaches802ToTheHostUntilAServerKnowsTheClient
   startSearching("refused");
 
   ASSERT_TRUE(waitUntil([&] { return host->stopsWithCode(802).size() >= 4; }, 10s))
-      << host->stops().size() << " stops";
+      << host->stops.get().size() << " stops";
   const auto refusals = host->stopsWithCode(802);
   for (std::size_t i = 1; i < refusals.size(); ++i) {
     // Each refusal comes from a new attempt, started a retry interval after the last.

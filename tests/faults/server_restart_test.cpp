@@ -2,7 +2,8 @@
 // the same port and database: killed hard (SIGKILL), with hosts that restart
 // their search after a stop, or drained for a rolling restart (SIGTERM), with
 // hosts that let the SDK resume. Either way the hosts find each other again
-// under the identities they already had, without crashing or piling up threads.
+// under the identities they already had, without crashing or piling up threads,
+// and never a host that hears another room.
 #include <gtest/gtest.h>
 
 #include <sndfile.h>
@@ -14,7 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tests/faults/process_waits.h"
+#include "tests/faults/facade_fixture.h"
 #include "tests/support/search_output.h"
 #include "tests/tools/scratch_dir.h"
 #include "tests/tools/test_audio.h"
@@ -81,18 +82,21 @@ class ServerKilledMidSearch : public ::testing::Test {
     return std::make_unique<BackgroundProcess>(TELLORA_CLI_PATH, args, dir.path(), name);
   }
 
-  // Two devices in one room, as in the plain end-to-end search; false when
-  // the synthetic talkers cannot be made here.
-  bool writeRoom() {
+  // Two devices in one room, and carol next door hearing another room; false
+  // when the synthetic talkers cannot be made here.
+  bool writeRooms() {
     const scenes::Signal talkerA = scenes::randomTalker(101, 5);
     if (talkerA.empty()) return false;
     const auto room = scenes::makeRoom(11, 16, {talkerA, scenes::randomTalker(202, 5)});
-    testaudio::writeItems(dir.file("alice.wav"),
-                          scenes::toItems(scenes::hear(room.scene, {1.0, 25, 0.2, 5, true, 1})), 1,
-                          scenes::kRate, SF_FORMAT_WAV);
-    testaudio::writeItems(dir.file("bob.wav"),
-                          scenes::toItems(scenes::hear(room.scene, {0.6, 18, 0.35, 20, true, 2})),
-                          1, scenes::kRate, SF_FORMAT_WAV);
+    const auto nextDoor =
+        scenes::makeRoom(22, 16, {scenes::randomTalker(303, 5), scenes::randomTalker(404, 5)});
+    for (const auto& [name, scene, channel] :
+         {std::tuple{"alice", &room.scene, scenes::DeviceChannel{1.0, 25, 0.2, 5, true, 1}},
+          {"bob", &room.scene, scenes::DeviceChannel{0.6, 18, 0.35, 20, true, 2}},
+          {"carol", &nextDoor.scene, scenes::DeviceChannel{0.9, 22, 0.25, 10, true, 3}}})
+      testaudio::writeItems(dir.file(std::string(name) + ".wav"),
+                            scenes::toItems(scenes::hear(*scene, channel)), 1, scenes::kRate,
+                            SF_FORMAT_WAV);
     return true;
   }
 
@@ -101,7 +105,7 @@ class ServerKilledMidSearch : public ::testing::Test {
 };
 
 TEST_F(ServerKilledMidSearch, HostsRestartTheSearchAndFindEachOtherAgainUnderTheSameIdentity) {
-  if (!writeRoom()) GTEST_SKIP() << "espeak-ng is not available";
+  if (!writeRooms()) GTEST_SKIP() << "espeak-ng is not available";
   auto server = startServer(0);
   const uint16_t port = listeningPort(server->out());
   ASSERT_NE(port, 0);
@@ -160,14 +164,16 @@ TEST_F(ServerKilledMidSearch, HostsRestartTheSearchAndFindEachOtherAgainUnderThe
 
 // A rolling restart: the node drains (its sessions closed with 1001 over a
 // second) and a new one takes the port. With resume on, the hosts never hear
-// of it: no stop until their own, and they find each other again.
+// of it: no stop until their own, and they find each other again. Carol, in
+// the room next door, is found by nobody and finds nobody.
 TEST_F(ServerKilledMidSearch, ADrainedNodeGoesUnnoticedByHostsThatResume) {
-  if (!writeRoom()) GTEST_SKIP() << "espeak-ng is not available";
+  if (!writeRooms()) GTEST_SKIP() << "espeak-ng is not available";
   auto server = startServer(0);
   const uint16_t port = listeningPort(server->out());
   ASSERT_NE(port, 0);
   auto alice = startHost("alice", port, {"--resume"});
   auto bob = startHost("bob", port, {"--resume"});
+  auto carol = startHost("carol", port, {"--resume"});
   auto found = [&](const BackgroundProcess& host, std::size_t times) {
     return eventsAfterRestart(host.out(), "clientFound", 0).size() >= times;
   };
@@ -181,11 +187,14 @@ TEST_F(ServerKilledMidSearch, ADrainedNodeGoesUnnoticedByHostsThatResume) {
   EXPECT_TRUE(waitUntil([&] { return found(*alice, 2) && found(*bob, 2); }, seconds(30)))
       << alice->out() << bob->out() << server->err();
 
-  for (const auto& host : {alice.get(), bob.get()}) {
+  for (const auto& host : {alice.get(), bob.get(), carol.get()}) {
     EXPECT_TRUE(eventsAfterRestart(host->out(), "searchStopped", 0).empty()) << host->out();
     host->signal(SIGTERM);
     EXPECT_EQ(host->waitExit(seconds(5)), 0) << host->err();
+    for (const auto& event : eventsAfterRestart(host->out(), "clientFound", 0))
+      EXPECT_NE(event.value("payload", ""), "carol") << host->out();
   }
+  EXPECT_TRUE(eventsAfterRestart(carol->out(), "clientFound", 0).empty()) << carol->out();
 }
 
 }  // namespace

@@ -12,8 +12,6 @@
 #include "runtime/clock.h"
 #include "server/server.h"
 #include "tellora/host_fed_audio.h"
-#include "tellora/logging.h"
-#include "tellora/notifications.h"
 #include "tests/faults/facade_fixture.h"
 #include "tests/support/tcp_proxy.h"
 
@@ -44,14 +42,8 @@ class SlowLink : public FacadeFaultTest {
   void SetUp() override {
     FacadeFaultTest::SetUp();
     EventLoop::main().call([&] { setClockForTesting(&jumpingClock); });
-    auto log = host;
-    TLRSetLogSink([log](std::string_view line) { log->logLine(std::string(line)); });
-    speedObserver = TLRNotificationCenter::defaultCenter().addObserver(
-        TLRTelloraNetworkSpeedStatusChanged, [log](const TLRNotification& n) {
-          auto status = n.userInfo.find("speedStatus");
-          if (status == n.userInfo.end()) return;
-          if (const auto* text = std::get_if<std::string>(&status->second)) log->speedStatus(*text);
-        });
+    captureLog();
+    observe(TLRTelloraNetworkSpeedStatusChanged, "speedStatus", speedStatuses);
 
     server::ServerOptions options;
     options.port = 0;
@@ -70,13 +62,11 @@ class SlowLink : public FacadeFaultTest {
     proxy.reset();
     server->stop();
     FacadeFaultTest::TearDown();
-    TLRNotificationCenter::defaultCenter().removeObserver(speedObserver);
-    TLRSetLogSink({});
     EventLoop::main().call([] { setClockForTesting(nullptr); });
   }
 
   JumpingClock jumpingClock;
-  TLRNotificationCenter::ObserverToken speedObserver = 0;
+  std::shared_ptr<Lines> speedStatuses = std::make_shared<Lines>();
   std::unique_ptr<server::Server> server;
   std::unique_ptr<testing::TcpProxy> proxy;
   std::shared_ptr<TLRHostFedAudio> audio = TLRHostFedAudio::create();
@@ -89,9 +79,9 @@ TEST_F(SlowLink, StalledRepliesWarnLowThenRestartsEndInGiveUp103) {
   // Nothing comes back: the search's first request ages past a second.
   proxy->stall();
   startSearching("stalled");
-  ASSERT_TRUE(host->speedStatuses.waitFor("low"));
+  ASSERT_TRUE(speedStatuses->waitFor("low"));
   // An overdue request holds the restart back, however long it waits.
-  EXPECT_EQ(host->countLog("Tellora reconnect"), 0u);
+  EXPECT_EQ(host->log.count("Tellora reconnect"), 0u);
   EXPECT_EQ(proxy->acceptedConnections(), 1u);
   EXPECT_EQ(host->startedCount(), 0);
 
@@ -106,11 +96,11 @@ TEST_F(SlowLink, StalledRepliesWarnLowThenRestartsEndInGiveUp103) {
   });
 
   ASSERT_TRUE(waitUntil([&] { return !host->stopsWithCode(103).empty(); }, 20s))
-      << host->countLog("Tellora reconnect") << " restarts, " << proxy->acceptedConnections()
+      << host->log.count("Tellora reconnect") << " restarts, " << proxy->acceptedConnections()
       << " connections";
   const auto giveUp = host->stopsWithCode(103).front().error;
   EXPECT_EQ(giveUp->domain, "com.tellora.quillmark.ErrorDomain");
-  EXPECT_EQ(host->countLog("Tellora reconnect"), 5u);
+  EXPECT_EQ(host->log.count("Tellora reconnect"), 5u);
   // The first connection and one per restart; none after the give-up.
   std::this_thread::sleep_for(1s);
   EXPECT_EQ(proxy->acceptedConnections(), 6u);

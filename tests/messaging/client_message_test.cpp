@@ -78,24 +78,6 @@ TEST(WireFormatTest, EachMessageSendsItsTypeAndOwnDataAsCompactJson) {
   EXPECT_TRUE(wire(mode)["data"]["mode"].is_number_integer());
 }
 
-TEST(WireFormatTest, TypedGettersStayEmptyAndOnlyEnvironmentSettersFillData) {
-  TLRCLMessageSetMode mode(3, {});
-  TLRCLMessageSetPayload payload(std::string("p"), {});
-  TLRCLMessageAddFingerprint fingerprint("fp", 1.5, 2.5, {});
-  TLRCLMessageSetEnvironment environment({55.5, 37.25}, {"aa"}, {});
-  EXPECT_EQ(mode.clientMode(), 0);
-  EXPECT_TRUE(payload.payload().is_null());
-  EXPECT_EQ(fingerprint.fingerprint(), "");
-  EXPECT_EQ(fingerprint.startTime() + fingerprint.endTime(), 0.0);
-  EXPECT_EQ(environment.location().latitude + environment.location().longitude, 0.0);
-  EXPECT_TRUE(environment.macAddress().empty());
-
-  environment.setLocation({55.5, 37.25});
-  environment.setMacAddress({"aa", "bb"});
-  EXPECT_EQ(environment.data(),
-            json({{"geo", {{"lat", 55.5}, {"lng", 37.25}}}, {"wifi", {"aa", "bb"}}}));
-}
-
 TEST(WireFormatTest, UnwritableDataGivesNoBytes) {
   TLRCLMessageAddFingerprint badText("\xc3\x28", 1, 2, {});
   TLRCLMessageAddFingerprint notANumber("fp", std::nan(""), 2, {});

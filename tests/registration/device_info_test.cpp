@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "registration/device_info.h"
 #include "registration/device_sources.h"
@@ -48,37 +50,32 @@ TEST_F(CurrentDeviceInfoTest, HostSettingsNameTheApplicationUntilClearedAgain) {
 
 // --- Language ------------------------------------------------------------------------
 
-struct LanguageCase {
-  LocaleEnvironment environment;
-  std::string expected;
-};
-
-class PreferredLanguageTest : public ::testing::TestWithParam<LanguageCase> {};
-
-TEST_P(PreferredLanguageTest, FromTheLocaleVariables) {
-  const auto& [environment, expected] = GetParam();
-  EXPECT_EQ(preferredLanguage(environment), expected)
-      << "LANGUAGE=" << environment.language << " LC_ALL=" << environment.lcAll
-      << " LC_MESSAGES=" << environment.lcMessages << " LANG=" << environment.lang;
+TEST(PreferredLanguageTest, FromTheLocaleVariables) {
+  // {LANGUAGE, LC_ALL, LC_MESSAGES, LANG} and the language they name.
+  const std::vector<std::pair<LocaleEnvironment, std::string>> cases = {
+      {{"", "", "", "en_US.UTF-8"}, "en-US"},
+      {{"", "", "", ""}, "en"},
+      {{"", "", "", "C"}, "en"},
+      {{"", "", "", "C.UTF-8"}, "en"},
+      {{"", "POSIX", "", "de_DE.UTF-8"}, "en"},  // LC_ALL overrides LANG
+      {{"", "", "fr_CA.ISO-8859-1", "de_DE.UTF-8"}, "fr-CA"},
+      {{"pt_BR:pt:en", "de_DE.UTF-8", "", ""}, "pt-BR"},  // LANGUAGE first
+      {{":?:nl", "", "", "de_DE"}, "nl"},                 // first usable entry of LANGUAGE
+      {{"::", "", "", "de_DE"}, "de-DE"},
+      {{"", "", "", "de_DE@euro"}, "de-DE"},
+      {{"", "", "", "sr_RS.UTF-8@latin"}, "sr-Latn-RS"},
+      {{"", "", "", "ast_ES"}, "ast-ES"},
+      {{"", "", "", "es_419"}, "es-419"},
+      {{"", "", "", "EN_us"}, "en-US"},
+      {{"", "", "", "/usr/share/locale"}, "en"},
+      {{"", "", "", "en_USA"}, "en"},
+      {{"", "", "", "e"}, "en"}};
+  for (const auto& [environment, expected] : cases) {
+    EXPECT_EQ(preferredLanguage(environment), expected)
+        << environment.language << "|" << environment.lcAll << "|" << environment.lcMessages << "|"
+        << environment.lang;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Variables, PreferredLanguageTest,
-    ::testing::Values(
-        LanguageCase{{"", "", "", "en_US.UTF-8"}, "en-US"}, LanguageCase{{"", "", "", ""}, "en"},
-        LanguageCase{{"", "", "", "C"}, "en"}, LanguageCase{{"", "", "", "C.UTF-8"}, "en"},
-        LanguageCase{{"", "POSIX", "", "de_DE.UTF-8"}, "en"},  // LC_ALL overrides LANG
-        LanguageCase{{"", "", "fr_CA.ISO-8859-1", "de_DE.UTF-8"}, "fr-CA"},
-        LanguageCase{{"pt_BR:pt:en", "de_DE.UTF-8", "", ""}, "pt-BR"},  // LANGUAGE first
-        LanguageCase{{":?:nl", "", "", "de_DE"}, "nl"},  // first usable entry of LANGUAGE
-        LanguageCase{{"::", "", "", "de_DE"}, "de-DE"},
-        LanguageCase{{"", "", "", "de_DE@euro"}, "de-DE"},
-        LanguageCase{{"", "", "", "sr_RS.UTF-8@latin"}, "sr-Latn-RS"},
-        LanguageCase{{"", "", "", "ast_ES"}, "ast-ES"},
-        LanguageCase{{"", "", "", "es_419"}, "es-419"},
-        LanguageCase{{"", "", "", "EN_us"}, "en-US"},
-        LanguageCase{{"", "", "", "/usr/share/locale"}, "en"},
-        LanguageCase{{"", "", "", "en_USA"}, "en"}, LanguageCase{{"", "", "", "e"}, "en"}));
 
 // --- Operating system ----------------------------------------------------------------
 

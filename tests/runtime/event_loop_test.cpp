@@ -90,11 +90,6 @@ TEST(EventLoopLifetime, DestructionDropsTasksStillWaiting) {
   EXPECT_FALSE(ran.load());
 }
 
-TEST(EventLoopMain, IsOneLoopForTheProcess) {
-  EXPECT_EQ(&EventLoop::main(), &EventLoop::main());
-  EXPECT_TRUE(EventLoop::main().call([] { return EventLoop::main().isCurrent(); }));
-}
-
 class RepeatingTimerTest : public ::testing::Test {
  protected:
   void TearDown() override {
@@ -194,25 +189,6 @@ TEST_F(RepeatingTimerTest, StartWhileRunningKeepsOneSchedule) {
     timer_->invalidate();
     EXPECT_LE(ticks_, (std::chrono::steady_clock::now() - startedAt) / kInterval + 1);
   });
-}
-
-TEST(SerialQueueTest, RunsJobsInOrderOnOneThreadOfItsOwn) {
-  SerialQueue queue("hashQueue");
-  std::vector<int> order;
-  std::vector<std::thread::id> threads;
-  for (int i = 0; i < 500; ++i) {
-    queue.post([&, i] {
-      order.push_back(i);
-      threads.push_back(std::this_thread::get_id());
-    });
-  }
-  queue.drain();
-  ASSERT_EQ(order.size(), 500u);
-  for (int i = 0; i < 500; ++i) {
-    EXPECT_EQ(order[i], i);
-    EXPECT_EQ(threads[i], threads.front());
-  }
-  EXPECT_NE(threads.front(), std::this_thread::get_id());
 }
 
 TEST(SerialQueueTest, DestructorRunsJobsAlreadyPostedAndTheirFollowUps) {

@@ -138,35 +138,15 @@ TEST_F(UserDefaultsTest, ConcurrentWritersLeaveAConsistentFile) {
   EXPECT_EQ(loggedLines(), 0u);
 }
 
-TEST_F(UserDefaultsTest, StandardStoreIsOneObjectThatCanBeRepointed) {
-  UserDefaults(file("second.json")).setString("where", "second");
-  auto& standard = UserDefaults::standard();
-  standard.setString("where", "first");
-
-  UserDefaults::setStandardPath(file("second.json"));
-  EXPECT_EQ(&standard, &UserDefaults::standard());
-  EXPECT_EQ(standard.stringForKey("where"), "second");
-  EXPECT_EQ(UserDefaults(file("defaults.json")).stringForKey("where"), "first");
-}
-
-// Sets (or, for nullptr, clears) environment variables and restores them after.
-class ScopedEnv {
- public:
-  void set(const char* name, const char* value) {
-    const char* old = std::getenv(name);
-    saved_.push_back({name, old ? std::optional<std::string>(old) : std::nullopt});
-    value ? setenv(name, value, 1) : unsetenv(name);
-  }
-  ~ScopedEnv() {
-    for (auto it = saved_.rbegin(); it != saved_.rend(); ++it)
-      it->second ? setenv(it->first, it->second->c_str(), 1) : unsetenv(it->first);
-  }
-
- private:
-  std::vector<std::pair<const char*, std::optional<std::string>>> saved_;
-};
-
 TEST(UserDefaultsPath, OverrideThenAbsoluteXdgConfigHomeThenHome) {
+  const char* const names[] = {"TELLORA_DEFAULTS_PATH", "XDG_CONFIG_HOME", "HOME"};
+  std::vector<std::optional<std::string>> saved;  // restored at the end
+  for (const char* name : names)
+    saved.push_back(std::getenv(name) ? std::optional<std::string>(std::getenv(name))
+                                      : std::nullopt);
+  const auto set = [](const char* name, const char* value) {
+    value ? setenv(name, value, 1) : unsetenv(name);
+  };
   struct Case {
     const char* explicitPath;
     const char* xdg;
@@ -177,13 +157,14 @@ TEST(UserDefaultsPath, OverrideThenAbsoluteXdgConfigHomeThenHome) {
                         Case{"", nullptr, "/home/someone/.config/tellora/defaults.json"},
                         Case{"", "", "/home/someone/.config/tellora/defaults.json"},
                         Case{"", "relative/dir", "/home/someone/.config/tellora/defaults.json"}}) {
-    ScopedEnv env;
-    env.set("TELLORA_DEFAULTS_PATH", c.explicitPath);
-    env.set("XDG_CONFIG_HOME", c.xdg);
-    env.set("HOME", "/home/someone");
+    set(names[0], c.explicitPath);
+    set(names[1], c.xdg);
+    set(names[2], "/home/someone");
     EXPECT_EQ(UserDefaults::defaultPath(), fs::path(c.expected))
         << (c.explicitPath ? c.explicitPath : "(unset)") << " " << (c.xdg ? c.xdg : "(unset)");
   }
+  for (size_t i = 0; i < saved.size(); ++i)
+    set(names[i], saved[i] ? saved[i]->c_str() : nullptr);
 }
 
 }  // namespace

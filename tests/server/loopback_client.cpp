@@ -120,6 +120,12 @@ class Session : public WsClient {
     return !await(io_, [&](auto handler) { ws_->async_write(net::buffer(bytes), handler); });
   }
 
+  bool sendRaw(const std::string& bytes) override {
+    return !await(io_, [&](auto handler) {
+      net::async_write(beast::get_lowest_layer(*ws_), net::buffer(bytes), handler);
+    });
+  }
+
   std::optional<WsMessage> receive(std::chrono::milliseconds timeout) override {
     if (ended_) return WsMessage{true, closeCode_, false, {}};
     if (!read_) {

@@ -66,6 +66,8 @@ class WsClient {
   virtual ~WsClient() = default;
 
   virtual bool send(const std::string& bytes, bool text = false) = 0;
+  // Writes the bytes straight to the TCP stream, below the WebSocket layer.
+  virtual bool sendRaw(const std::string& bytes) = 0;
   // The next message, or nullopt when none came within `timeout`.
   virtual std::optional<WsMessage> receive(std::chrono::milliseconds timeout = 5s) = 0;
 

@@ -1,6 +1,6 @@
-// The server on real loopback sockets: registration, upgrade refusals, every
-// request answered in text, malformed and oversized frames, takeover,
-// shutdown, the limits, and TLS.
+// The server on real loopback sockets: registration and its pacing, upgrade
+// refusals, every request answered in text, malformed and oversized frames,
+// takeover, shutdown and drain, the limits, TLS, and the operator endpoints.
 #include "server/server.h"
 
 #include <gtest/gtest.h>
@@ -11,8 +11,11 @@
 #include <boost/asio/ip/tcp.hpp>
 
 #include <chrono>
+#include <map>
 #include <memory>
 #include <random>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +23,8 @@
 #include "fingerprint/part_fingerprint.h"
 #include "server/connection_registry.h"
 #include "server/hub.h"
+#include "server/metrics.h"
+#include "server/server_context.h"
 #include "tests/server/loopback_client.h"
 #include "tests/support/test_certificates.h"
 
@@ -53,53 +58,38 @@ class ServerTest : public ::testing::Test {
     endpoint_.port = server_->port();
   }
   void SetUp() override { startServer(); }
-  Registration registered() {
-    auto r = server_test::registerClient(endpoint_, 5, "five");
+  Registration registered(const Endpoint& at) {
+    auto r = server_test::registerClient(at, 5, "five");
     EXPECT_EQ(r.status, 200u);
     return r;
   }
+  Registration registered() { return registered(endpoint_); }
   std::unique_ptr<WsClient> session() {
     auto client = WsClient::open(endpoint_, registered());
     EXPECT_TRUE(client);
     return client;
+  }
+  Endpoint from(const std::string& source) const {
+    Endpoint at = endpoint_;
+    at.sourceAddress = source;
+    return at;
   }
 
   std::unique_ptr<Server> server_;
   Endpoint endpoint_;
 };
 
-TEST_F(ServerTest, RegistersOnlyAdmittedApplicationsAndAnswersOtherHttpWith4xx) {
-  const auto ok = server_test::registerClient(endpoint_, 5, "five");
-  EXPECT_EQ(ok.status, 200u);
-  EXPECT_FALSE(ok.clientId.empty());
-  EXPECT_EQ(server_test::registerClient(endpoint_, 5, "six").status, 801u);
-  EXPECT_EQ(httpRequest(endpoint_, "GET", "/register").status, 405u);
-  EXPECT_EQ(httpRequest(endpoint_, "POST", "/nowhere", "{}").status, 404u);
-  EXPECT_EQ(httpRequest(endpoint_, "POST", "/register", "not json").status, 400u);
-  EXPECT_EQ(httpRequest(endpoint_, "POST", "/register", std::string(100000, ' ')).status, 413u);
-  EXPECT_EQ(httpRequest(endpoint_, "GET", "/ws").status, 426u);
-  EXPECT_EQ(server_test::registerClient(endpoint_, 5, "five").status, 200u);  // still serving
-}
-
-TEST_F(ServerTest, UpgradesOnlyKnownIdentitiesOnTheWebSocketPath) {
-  const auto identity = registered();
-  unsigned status = 0;
-  for (const auto& wrong : {Registration{200, "nobody", identity.clientSecret},
-                            Registration{200, identity.clientId, "wrong"}, Registration{}}) {
-    EXPECT_FALSE(WsClient::open(endpoint_, wrong, &status));
-    EXPECT_EQ(status, 802u) << wrong.clientId << " " << wrong.clientSecret;
-  }
-  EXPECT_FALSE(WsClient::open(
-      endpoint_, {{"clientId", identity.clientId}, {"clientSecret", identity.clientSecret}},
-      &status, "/register"));
-  EXPECT_EQ(status, 404u);
-  EXPECT_TRUE(WsClient::open(endpoint_, identity, &status));
-  EXPECT_EQ(status, 0u);
-}
-
-TEST_F(ServerTest, AnswersEveryRequestTypeWithItsIdInTextFrames) {
+// Frames the server cannot use are dropped without a reply; the session goes
+// on and every request type is answered with its id, in text frames.
+TEST_F(ServerTest, IgnoresMalformedFramesAndAnswersEveryRequestTypeInText) {
   auto client = session();
   ASSERT_TRUE(client);
+  for (const auto& frame : {std::string(), std::string("{"), std::string(R"({"type":99,"id":3})"),
+                            std::string(100000, '[') + std::string(100000, ']')}) {
+    ASSERT_TRUE(client->send(frame));
+    ASSERT_TRUE(client->send(frame, true));
+  }
+  ASSERT_TRUE(client->send("\xff\xfe\x00 not UTF-8"));
   EXPECT_EQ(client->request(0, 10, json{{"mode", 3}}), json::parse(R"({"requestId":10})"));
   EXPECT_EQ(client->request(1, 11, json("alice")), json::parse(R"({"requestId":11})"));
   EXPECT_EQ(client->request(2, 12), json::parse(R"({"requestId":12,"data":{"nearby":[]}})"));
@@ -114,19 +104,7 @@ TEST_F(ServerTest, AnswersEveryRequestTypeWithItsIdInTextFrames) {
   EXPECT_EQ(client->request(5, 15, json::object()), json::parse(R"({"requestId":15})"));
   EXPECT_FALSE(client->sawBinaryReply);
   EXPECT_TRUE(client->pushes.empty());
-}
-
-TEST_F(ServerTest, MalformedFramesDoNotEndTheSession) {
-  auto client = session();
-  ASSERT_TRUE(client);
-  for (const auto& frame : {std::string(), std::string("{"), std::string(R"({"type":99,"id":3})"),
-                            std::string(100000, '[') + std::string(100000, ']')}) {
-    ASSERT_TRUE(client->send(frame));
-    ASSERT_TRUE(client->send(frame, true));
-  }
-  ASSERT_TRUE(client->send("\xff\xfe\x00 not UTF-8"));
-  EXPECT_TRUE(client->request(3, 5));
-  EXPECT_FALSE(client->receive(200ms));  // nothing was answered but the last request
+  EXPECT_FALSE(client->receive(200ms));  // nothing was answered but the requests
 }
 
 TEST_F(ServerTest, BrokenOrOversizedFramesEndTheSessionAsTheWebSocketProtocolRequires) {
@@ -183,6 +161,7 @@ TEST_F(ServerTest, DrainingClosesSessionsWith1001OverTheDrainTime) {
   server_->stop();  // returns at once: serving has ended
 }
 
+// Beyond the cap a connection is closed on accept; an ended session frees its place.
 TEST_F(ServerTest, ConnectionsBeyondTheCapAreTurnedAway) {
   auto options = defaults();
   options.limits.maxConnections = 2;
@@ -202,8 +181,7 @@ TEST_F(ServerTest, ConnectionsBeyondTheCapAreTurnedAway) {
   ASSERT_TRUE(first && second);
   unsigned status = 1;
   EXPECT_FALSE(WsClient::open(endpoint_, b, &status));
-  EXPECT_EQ(status, 0u);  // closed on accept, no HTTP answer
-  EXPECT_EQ(httpRequest(endpoint_, "POST", "/register", "{}").status, 0u);
+  EXPECT_EQ(status, 0u);
   second.reset();
   EXPECT_TRUE(openSoon(b));
   EXPECT_TRUE(first->request(3, 1));
@@ -228,7 +206,8 @@ TEST_F(ServerTest, AClientThatDoesNotReadIsDroppedAndOthersAreServed) {
   EXPECT_TRUE(reader->request(3, 1));
 }
 
-TEST_F(ServerTest, ServesRegistrationAndSessionsOverTls) {
+// Only known identities are upgraded, and only on the WebSocket path.
+TEST_F(ServerTest, ServesRegistrationAndSessionsOverTlsToKnownIdentitiesOnly) {
   const auto certificates = testing::TestCertificates::create();
   auto options = defaults();
   options.tlsCertificateChainFile = certificates->certificateChainFile().string();
@@ -236,19 +215,27 @@ TEST_F(ServerTest, ServesRegistrationAndSessionsOverTls) {
   startServer(options);
   const Endpoint secure{server_->port(), certificates->caFile().string(), 0, {}};
 
-  const auto identity = server_test::registerClient(secure, 5, "five");
-  ASSERT_EQ(identity.status, 200u);
-  auto client = WsClient::open(secure, identity);
-  ASSERT_TRUE(client);
-  EXPECT_TRUE(client->request(3, 1));
+  const auto identity = registered(secure);
   unsigned status = 0;
-  EXPECT_FALSE(WsClient::open(secure, Registration{200, identity.clientId, "x"}, &status));
-  EXPECT_EQ(status, 802u);
+  for (const auto& wrong : {Registration{200, "nobody", identity.clientSecret},
+                            Registration{200, identity.clientId, "wrong"}, Registration{}}) {
+    EXPECT_FALSE(WsClient::open(secure, wrong, &status));
+    EXPECT_EQ(status, 802u) << wrong.clientId << " " << wrong.clientSecret;
+  }
+  EXPECT_FALSE(WsClient::open(
+      secure, {{"clientId", identity.clientId}, {"clientSecret", identity.clientSecret}}, &status,
+      "/register"));
+  EXPECT_EQ(status, 404u);
+  auto client = WsClient::open(secure, identity, &status);
+  ASSERT_TRUE(client);
+  EXPECT_EQ(status, 0u);
+  EXPECT_TRUE(client->request(3, 1));
   // Plain HTTP on the TLS port gets nowhere.
   EXPECT_EQ(httpRequest(endpoint_, "POST", "/register", "{}").status, 0u);
 }
 
-// Sockets that connect from `source` and never send a byte.
+// How many of `count` sockets from `source` that never send a byte the server
+// has closed, waiting up to `timeout` for `expected` of them.
 class IdleSockets {
  public:
   IdleSockets(uint16_t port, const std::string& source, int count) {
@@ -260,8 +247,6 @@ class IdleSockets {
       socket.connect({net::ip::make_address("127.0.0.1"), port});
     }
   }
-  // How many the server has closed (end of stream), waiting up to `timeout`
-  // for `expected` of them.
   int closed(int expected, std::chrono::milliseconds timeout = 2s) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
@@ -292,30 +277,11 @@ TEST_F(ServerTest, IdleSocketsOfOtherAddressesCannotKeepAClientOut) {
   IdleSockets second(endpoint_.port, "127.0.0.4", 10);
   EXPECT_EQ(second.closed(2), 2);
   // The server is full of idle sockets; a newcomer displaces one of them.
-  Endpoint good = endpoint_;
-  good.sourceAddress = "127.0.0.3";
-  const auto identity = server_test::registerClient(good, 5, "five");
-  ASSERT_EQ(identity.status, 200u);
-  auto client = WsClient::open(good, identity);
+  const Endpoint good = from("127.0.0.3");
+  auto client = WsClient::open(good, registered(good));
   ASSERT_TRUE(client);
   EXPECT_TRUE(client->request(3, 1));
   EXPECT_GE(first.closed(3, 0ms) + second.closed(3, 0ms), 5);
-}
-
-TEST_F(ServerTest, RegistrationsArePacedPerAddressWith429AndRetryAfter) {
-  auto options = defaults();
-  options.limits.registrationBurst = 3;
-  options.limits.registrationsPerSecond = 0.01;
-  startServer(options);
-  Endpoint busy = endpoint_, other = endpoint_;
-  busy.sourceAddress = "127.0.0.2";
-  other.sourceAddress = "127.0.0.3";
-  for (int i = 0; i < 3; ++i)
-    EXPECT_EQ(server_test::registerClient(busy, 5, "five").status, 200u);
-  const auto refused = httpRequest(busy, "POST", "/register", "{}");
-  EXPECT_EQ(refused.status, 429u);
-  EXPECT_GE(std::stoi(refused.retryAfter.empty() ? "0" : refused.retryAfter), 1);
-  EXPECT_EQ(server_test::registerClient(other, 5, "five").status, 200u);
 }
 
 TEST_F(ServerTest, ClientsOfDifferentApplicationsHearingOneSoundNeverMeet) {
@@ -369,6 +335,118 @@ TEST_F(ServerTest, ClientsOfDifferentApplicationsHearingOneSoundNeverMeet) {
       EXPECT_NE(named, d == &c ? b.identity.clientId : c.identity.clientId);
     }
   }
+}
+
+// --- The operator's view -------------------------------------------------------
+
+// Samples by "name{labels}"; fails on a line outside the format or a sample
+// whose family lacks HELP or TYPE (or a counter not named *_total).
+std::map<std::string, double> parseExposition(const std::string& text) {
+  static const std::regex line(
+      R"(# (HELP|TYPE) (tellora_\w+) (.+)|(tellora_\w+)(\{(\w+="[^"]*",?)+\})? (\S+))");
+  std::map<std::string, int> described;  // 1: HELP, 2: TYPE
+  std::map<std::string, double> samples;
+  std::istringstream lines(text);
+  std::smatch m;
+  for (std::string row; std::getline(lines, row);) {
+    if (!std::regex_match(row, m, line)) {
+      ADD_FAILURE() << "not exposition format: \"" << row << "\"";
+    } else if (m[1].matched) {
+      described[m[2]] |= m[1] == "HELP" ? 1 : 2;
+      EXPECT_TRUE(m[1] == "HELP" || (m[3] == "counter") == m[2].str().ends_with("_total")) << row;
+    } else {
+      EXPECT_EQ(described[m[4]], 3) << row;
+      EXPECT_TRUE(samples.emplace(m[4].str() + m[5].str(), std::stod(m[7])).second) << row;
+    }
+  }
+  return samples;
+}
+
+// Registrations are paced per address (429 with Retry-After) and every
+// outcome is counted; the gauges follow a session and come back down.
+TEST_F(ServerTest, RegistrationOutcomesAndSessionsShowInTheMetricsScrape) {
+  auto options = defaults();
+  options.limits.registrationBurst = 3;
+  options.limits.registrationsPerSecond = 0.001;
+  options.limits.matchTick = 5ms;
+  startServer(options);
+  const auto scrape = [&] {
+    const auto reply = httpRequest(endpoint_, "GET", "/metrics");
+    EXPECT_EQ(reply.contentType, "text/plain; version=0.0.4");
+    return parseExposition(reply.body);
+  };
+  for (const auto& [method, target, status] : {std::tuple{"POST", "/healthz", 405u},
+                                               {"PUT", "/metrics", 405u},
+                                               {"GET", "/ws", 426u},
+                                               {"POST", "/nowhere", 404u},
+                                               {"GET", "/register", 405u}})
+    EXPECT_EQ(httpRequest(endpoint_, method, target).status, status) << method << " " << target;
+  EXPECT_EQ(httpRequest(endpoint_, "GET", "/healthz?probe").body, "ok\n");
+  const auto head = httpRequest(endpoint_, "HEAD", "/healthz");
+  EXPECT_EQ(head.body + "/" + head.contentLength, "/3");  // the GET's length, no body
+
+  const Endpoint busy = from("127.0.0.2");
+  const auto identity = registered(busy);
+  EXPECT_EQ(server_test::registerClient(busy, 5, "six").status, kStatusUnknownApplication);
+  EXPECT_EQ(httpRequest(busy, "POST", "/register", "not json").status, 400u);
+  const auto paced = httpRequest(busy, "POST", "/register", "{}");
+  EXPECT_EQ(paced.status, 429u);
+  EXPECT_GE(std::stoi(paced.retryAfter.empty() ? "0" : paced.retryAfter), 1);
+  registered();  // another address is not held back
+  EXPECT_EQ(httpRequest(endpoint_, "POST", "/register", std::string(100000, ' ')).status, 413u);
+  auto client = WsClient::open(endpoint_, identity);
+  ASSERT_TRUE(client);
+  ASSERT_TRUE(client->request(0, 1, json{{"mode", kSearchMode}}));
+  std::this_thread::sleep_for(30ms);  // a few matcher ticks
+
+  auto samples = scrape();
+  for (const auto& [result, count] : {std::pair{"issued", 2},
+                                      {"unknown_application", 1},
+                                      {"bad_request", 1},
+                                      {"rate_limited", 1},
+                                      {"too_large", 1}})
+    EXPECT_EQ(samples[std::string("tellora_registrations_total{result=\"") + result + "\"}"],
+              count);
+  for (const char* key :
+       {"tellora_limit_hits_total{limit=\"registrations\"}", "tellora_websocket_sessions",
+        "tellora_clients_searching", "tellora_applications_active",
+        "tellora_websocket_messages_received_total", "tellora_websocket_messages_sent_total"})
+    EXPECT_EQ(samples[key], 1) << key;
+  EXPECT_GE(samples["tellora_connections"], 2);  // the session and the scrape
+  EXPECT_GT(samples["tellora_matcher_ticks_total"], 0);
+
+  client.reset();
+  const auto deadline = std::chrono::steady_clock::now() + 3s;
+  while (samples["tellora_websocket_sessions"] != 0 && std::chrono::steady_clock::now() < deadline)
+    samples = scrape();
+  for (const char* key :
+       {"tellora_websocket_sessions", "tellora_clients_searching", "tellora_applications_active"})
+    EXPECT_EQ(samples[key], 0) << key;
+}
+
+TEST(OperatorReply, HealthTurnsTo503WhileDraining) {
+  ServerOptions options;
+  ClientStore store(":memory:");
+  Hub hub;
+  ConnectionRegistry registry;
+  AddressLimits addressLimits(AddressLimits::from(options.limits));
+  LimitLogs limitLogs;
+  ServerContext context{options, store, hub, registry, addressLimits, limitLogs};
+  context.metrics.draining = true;
+  const auto health = operatorReply(kHealthPath, context).value();
+  EXPECT_EQ(health.status, 503u);
+  EXPECT_EQ(health.body, "draining\n");
+  EXPECT_EQ(parseExposition(operatorReply(kMetricsPath, context)->body)["tellora_draining"], 1);
+}
+
+TEST(TickTimes, LongestTickCoversTheLastMinuteOnly) {
+  const auto t0 = TickTimes::Clock::now();
+  TickTimes ticks;
+  ticks.record(t0, t0 + 5ms);
+  ticks.record(t0 + 30s, t0 + 30s + 2ms);
+  EXPECT_NEAR(ticks.totalSeconds(), 0.007, 1e-9);
+  for (const auto& [at, longest] : {std::pair{1s, 0.005}, {58s, 0.005}, {62s, 0.002}, {91s, 0.0}})
+    EXPECT_NEAR(ticks.longestRecentSeconds(t0 + at), longest, 1e-9) << at.count();
 }
 
 }  // namespace

@@ -35,45 +35,16 @@ struct HttpState {
 // One client connection: an optional TLS handshake, then requests and their
 // replies until the client or a reply ends it.
 template <class Stream>
-class HttpConnection : public LoopbackConnection,
-                       public std::enable_shared_from_this<HttpConnection<Stream>> {
- public:
-  template <class... Args>
-  HttpConnection(LoopbackListener& listener, HttpState state, uint64_t id, Args&&... args)
-      : listener_(listener),
-        state_(std::move(state)),
-        id_(id),
-        stream_(std::forward<Args>(args)...) {}
+struct HttpConnection : StreamConnection<HttpConnection<Stream>, HttpState, Stream> {
+  using StreamConnection<HttpConnection, HttpState, Stream>::StreamConnection;
 
-  void start() override {
-    state_.log->update([](HttpServerLog& log) { ++log.acceptedConnections; });
-    if constexpr (std::is_same_v<Stream, beast::tcp_stream>) {
-      readRequest();
-    } else {
-      lowest().expires_after(kServerIoTimeout);
-      stream_.async_handshake(
-          ssl::stream_base::server, [self = this->shared_from_this()](beast::error_code ec) {
-            if (!ec) return self->readRequest();
-            self->state_.log->update([](HttpServerLog& log) { ++log.failedTlsHandshakes; });
-            self->end();
-          });
-    }
-  }
-
-  void drop() override {
-    beast::error_code ignored;
-    lowest().socket().set_option(net::socket_base::linger(true, 0), ignored);
-    lowest().socket().close(ignored);
-  }
-
- private:
-  beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream_); }
+  void serve() { readRequest(); }
 
   void readRequest() {
     parser_.emplace();
     parser_->body_limit(kRequestBodyLimit);
-    lowest().expires_after(kServerIoTimeout);
-    http::async_read(stream_, buffer_, *parser_,
+    this->lowest().expires_after(kServerIoTimeout);
+    http::async_read(this->stream_, buffer_, *parser_,
                      [self = this->shared_from_this()](beast::error_code ec, std::size_t) {
                        self->onRequest(ec);
                      });
@@ -83,26 +54,26 @@ class HttpConnection : public LoopbackConnection,
     if (ec) return end();  // includes a client that closed between requests
     const auto& request = parser_->get();
     HttpRequestRecord record;
-    recordRequest(record, id_, request);
+    recordRequest(record, this->id_, request);
     record.body = request.body();
     keepAlive_ = request.keep_alive();
     version_ = request.version();
-    state_.log->update([&](HttpServerLog& log) { log.requests.push_back(record); });
+    this->state_.log->update([&](HttpServerLog& log) { log.requests.push_back(record); });
 
-    HttpReply reply = state_.replyTo(record);
+    HttpReply reply = this->state_.replyTo(record);
     if (reply.delay.count() <= 0) return respond(std::move(reply));
-    lowest().expires_never();
-    listener_.after(reply.delay,
-                    [self = this->shared_from_this(), reply] { self->respond(reply); });
+    this->lowest().expires_never();
+    this->listener_.after(reply.delay,
+                          [self = this->shared_from_this(), reply] { self->respond(reply); });
   }
 
   void respond(HttpReply reply) {
     if (reply.hangUp) return closeGracefully();
     auto self = this->shared_from_this();
-    lowest().expires_after(kServerIoTimeout);
+    this->lowest().expires_after(kServerIoTimeout);
     if (reply.raw) {
       raw_ = std::move(*reply.raw);
-      net::async_write(stream_, net::buffer(raw_),
+      net::async_write(this->stream_, net::buffer(raw_),
                        [self](beast::error_code, std::size_t) { self->closeGracefully(); });
       return;
     }
@@ -111,7 +82,7 @@ class HttpConnection : public LoopbackConnection,
     } catch (const std::exception& error) {  // e.g. a status over 999, a body on a 204
       response_ = format(HttpReply::json(500, error.what()));
     }
-    http::async_write(stream_, response_, [self](beast::error_code ec, std::size_t) {
+    http::async_write(this->stream_, response_, [self](beast::error_code ec, std::size_t) {
       if (ec) return self->end();
       if (self->keepAlive_) return self->readRequest();
       self->closeGracefully();
@@ -137,31 +108,28 @@ class HttpConnection : public LoopbackConnection,
   // still sends turns the close into a reset that could swallow the reply.
   void closeGracefully() {
     beast::error_code ignored;
-    lowest().socket().shutdown(tcp::socket::shutdown_send, ignored);
+    this->lowest().socket().shutdown(tcp::socket::shutdown_send, ignored);
     drain();
   }
 
   void drain() {
-    lowest().expires_after(kServerIoTimeout);
-    lowest().async_read_some(net::buffer(drainBuffer_),
-                             [self = this->shared_from_this()](beast::error_code ec, std::size_t) {
-                               if (ec) return self->end();
-                               self->drain();
-                             });
+    this->lowest().expires_after(kServerIoTimeout);
+    this->lowest().async_read_some(
+        net::buffer(drainBuffer_),
+        [self = this->shared_from_this()](beast::error_code ec, std::size_t) {
+          if (ec) return self->end();
+          self->drain();
+        });
   }
 
   void end() {
     if (ended_) return;
     ended_ = true;
     beast::error_code ignored;
-    lowest().socket().close(ignored);
-    listener_.forget(id_);
+    this->lowest().socket().close(ignored);
+    this->listener_.forget(this->id_);
   }
 
-  LoopbackListener& listener_;
-  const HttpState state_;
-  const uint64_t id_;
-  Stream stream_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   http::response<http::string_body> response_;

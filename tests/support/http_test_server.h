@@ -13,6 +13,8 @@
 //   EXPECT_EQ(server.requests()[0].header("Content-Type"), "application/json");
 #pragma once
 
+#include <ostream>
+
 #include "tests/support/loopback_server.h"
 
 namespace tellora::testing {
@@ -31,6 +33,12 @@ struct HttpReply {
   std::vector<std::pair<std::string, std::string>> headers;
   // Waits this long before answering (without blocking other connections).
   std::chrono::milliseconds delay{0};
+  // For test parameters: gtest would otherwise print the raw bytes, padding
+  // included, which valgrind reports as uninitialised.
+  inline void PrintTo(const HttpReply& reply, std::ostream* out) {
+    *out << reply.status << " " << reply.body;
+  }
+
   // Instead of a response: closes the connection without a word.
   bool hangUp = false;
   // Instead of a formatted response: exactly these bytes, then the connection closes.
@@ -43,7 +51,6 @@ struct HttpReply {
 
 struct HttpServerLog {
   std::vector<HttpRequestRecord> requests;  // in arrival order
-  std::size_t acceptedConnections = 0;      // TCP connections accepted
   std::size_t failedTlsHandshakes = 0;      // e.g. a client that does not trust the server
 };
 

@@ -106,9 +106,57 @@ class LoopbackListener {
   std::vector<std::weak_ptr<net::steady_timer>> timers_;
 };
 
+// What the connections of both test servers share: their stream (`Stream`
+// is its plain or TLS layer), the TLS handshake that opens a TLS one, and a
+// hard reset. `Self` provides serve() and end(); `Layer` is the one under TLS.
+template <class Self, class State, class Stream, class Layer = Stream,
+          class Base = LoopbackConnection>
+class StreamConnection : public Base, public std::enable_shared_from_this<Self> {
+ public:
+  template <class... Args>
+  StreamConnection(LoopbackListener& listener, State state, uint64_t id, Args&&... args)
+      : listener_(listener),
+        state_(std::move(state)),
+        id_(id),
+        stream_(std::forward<Args>(args)...) {}
+
+  void start() override {
+    lowest().expires_after(kServerIoTimeout);
+    if constexpr (std::is_same_v<Layer, beast::tcp_stream>) {
+      static_cast<Self*>(this)->serve();
+    } else {
+      layer().async_handshake(
+          ssl::stream_base::server, [self = this->shared_from_this()](beast::error_code ec) {
+            if (!ec) return self->serve();
+            self->state_.log->update([](auto& log) { ++log.failedTlsHandshakes; });
+            self->end();
+          });
+    }
+  }
+
+  void drop() override {
+    beast::error_code ignored;
+    lowest().socket().set_option(net::socket_base::linger(true, 0), ignored);
+    lowest().socket().close(ignored);
+  }
+
+  beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream_); }
+  Layer& layer() {
+    if constexpr (std::is_same_v<Layer, Stream>) {
+      return stream_;
+    } else {
+      return stream_.next_layer();
+    }
+  }
+
+  LoopbackListener& listener_;
+  const State state_;
+  const uint64_t id_;
+  Stream stream_;
+};
+
 // A connection of template `Connection` over a plain or a TLS Beast stream,
-// as the listener's TLS setting says. Its constructor takes the listener, the
-// server's `state`, the id and then what the stream is made of.
+// as the listener's TLS setting says.
 template <template <class> class Connection, class State>
 std::shared_ptr<LoopbackConnection> makeConnection(LoopbackListener& listener, State state,
                                                    uint64_t id, tcp::socket socket) {

@@ -1,33 +1,23 @@
 #include "tests/support/loopback_server.h"
 
 #include <algorithm>
-#include <cctype>
 
 #include "tests/support/loopback_listener.h"
 
 namespace tellora::testing {
-namespace {
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) ==
-                  std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
-}  // namespace
+using boost::beast::iequals;
 
 std::optional<std::string> RecordedRequest::header(std::string_view name) const {
   for (const auto& [key, value] : headers) {
-    if (equalsIgnoringCase(key, name)) return value;
+    if (iequals(key, name)) return value;
   }
   return std::nullopt;
 }
 
 std::size_t RecordedRequest::headerCount(std::string_view name) const {
-  return static_cast<std::size_t>(std::count_if(headers.begin(), headers.end(), [&](const auto& f) {
-    return equalsIgnoringCase(f.first, name);
-  }));
+  return static_cast<std::size_t>(std::count_if(
+      headers.begin(), headers.end(), [&](const auto& f) { return iequals(f.first, name); }));
 }
 
 LoopbackServer::LoopbackServer(Security security,

@@ -137,10 +137,6 @@ void TcpProxy::resume() {
   });
 }
 
-bool TcpProxy::isStalled() const {
-  return listener_->call([this] { return state_->stalled; });
-}
-
 std::size_t TcpProxy::resetConnections() {
   return listener_->call([this] { return listener_->dropConnections(); });
 }

@@ -33,7 +33,6 @@ class TcpProxy {
   // and no more are read, so the peers' own buffers fill up as on a dead link.
   void stall();
   void resume();
-  bool isStalled() const;
 
   // Resets every connection (no FIN, an RST) and keeps listening.
   std::size_t resetConnections();

@@ -35,7 +35,6 @@ class TestCertificates {
   TestCertificates(const TestCertificates&) = delete;
   TestCertificates& operator=(const TestCertificates&) = delete;
 
-  const std::filesystem::path& directory() const { return directory_; }
   // The CA certificate (PEM): what a client has to trust.
   std::filesystem::path caFile() const { return directory_ / "ca.pem"; }
   // The server certificate followed by the CA certificate (PEM).

@@ -44,7 +44,7 @@ struct WsState {
 
 // Something queued for a connection's writer: a data frame or the closing handshake.
 struct Outgoing {
-  enum class Kind { Text, Binary, Close } kind;
+  enum class Kind { Text, Close } kind;
   std::string data;
   uint16_t closeCode = 0;
 };
@@ -60,26 +60,11 @@ class WsConnectionBase : public LoopbackConnection {
 // One client connection: optional TLS handshake, the HTTP upgrade request
 // (accepted or refused), then frames until either side ends it.
 template <class NextLayer>
-class WsConnection : public WsConnectionBase,
-                     public std::enable_shared_from_this<WsConnection<NextLayer>> {
- public:
-  template <class... Args>
-  WsConnection(LoopbackListener& listener, WsState state, uint64_t id, Args&&... args)
-      : listener_(listener), state_(std::move(state)), id_(id), ws_(std::forward<Args>(args)...) {}
+struct WsConnection : StreamConnection<WsConnection<NextLayer>, WsState,
+                                       websocket::stream<NextLayer>, NextLayer, WsConnectionBase> {
+  using WsConnection::StreamConnection::StreamConnection;
 
-  void start() override {
-    beast::get_lowest_layer(ws_).expires_after(kServerIoTimeout);
-    if constexpr (std::is_same_v<NextLayer, beast::tcp_stream>) {
-      readRequest();
-    } else {
-      ws_.next_layer().async_handshake(
-          ssl::stream_base::server, [self = this->shared_from_this()](beast::error_code ec) {
-            if (!ec) return self->readRequest();
-            self->state_.log->update([](WsServerLog& log) { ++log.failedTlsHandshakes; });
-            self->end();
-          });
-    }
-  }
+  void serve() { readRequest(); }
 
   bool isOpen() const override { return open_; }
 
@@ -91,19 +76,11 @@ class WsConnection : public WsConnectionBase,
 
   void endStream() override {
     beast::error_code ignored;
-    beast::get_lowest_layer(ws_).socket().shutdown(tcp::socket::shutdown_send, ignored);
+    this->lowest().socket().shutdown(tcp::socket::shutdown_send, ignored);
   }
 
-  void drop() override {
-    beast::error_code ignored;
-    auto& socket = beast::get_lowest_layer(ws_).socket();
-    socket.set_option(net::socket_base::linger(true, 0), ignored);
-    socket.close(ignored);
-  }
-
- private:
   void readRequest() {
-    http::async_read(ws_.next_layer(), buffer_, request_,
+    http::async_read(this->layer(), buffer_, request_,
                      [self = this->shared_from_this()](beast::error_code ec, std::size_t) {
                        self->onRequest(ec);
                      });
@@ -112,19 +89,19 @@ class WsConnection : public WsConnectionBase,
   void onRequest(beast::error_code ec) {
     if (ec) return end();
     WsUpgradeRequest record;
-    recordRequest(record, id_, request_);
-    unsigned refusal = state_.takeRefusal();
+    recordRequest(record, this->id_, request_);
+    unsigned refusal = this->state_.takeRefusal();
     if (refusal == 0 && !websocket::is_upgrade(request_)) refusal = 400;
     record.refusedWithStatus = refusal;
-    state_.log->update([&](WsServerLog& log) { log.upgrades.push_back(std::move(record)); });
+    this->state_.log->update([&](WsServerLog& log) { log.upgrades.push_back(std::move(record)); });
     if (refusal != 0) return refuse(refusal);
 
-    beast::get_lowest_layer(ws_).expires_never();
+    this->lowest().expires_never();
     auto timeouts = websocket::stream_base::timeout::suggested(beast::role_type::server);
     timeouts.handshake_timeout = kServerIoTimeout;
-    ws_.set_option(timeouts);
-    ws_.read_message_max(kInboundFrameLimit);
-    ws_.async_accept(
+    this->stream_.set_option(timeouts);
+    this->stream_.read_message_max(kInboundFrameLimit);
+    this->stream_.async_accept(
         request_, [self = this->shared_from_this()](beast::error_code ec) { self->onAccept(ec); });
   }
 
@@ -134,11 +111,11 @@ class WsConnection : public WsConnectionBase,
     response_.version(request_.version());
     response_.keep_alive(false);
     response_.prepare_payload();
-    http::async_write(ws_.next_layer(), response_,
+    http::async_write(this->layer(), response_,
                       [self = this->shared_from_this()](beast::error_code, std::size_t) {
                         // FIN rather than RST, so the client surely reads the response.
                         beast::error_code ignored;
-                        auto& socket = beast::get_lowest_layer(self->ws_).socket();
+                        auto& socket = self->lowest().socket();
                         socket.shutdown(tcp::socket::shutdown_send, ignored);
                         self->end();
                       });
@@ -147,7 +124,7 @@ class WsConnection : public WsConnectionBase,
   void onAccept(beast::error_code ec) {
     if (ec) return end();
     open_ = true;
-    state_.log->update([](WsServerLog& log) {
+    this->state_.log->update([](WsServerLog& log) {
       ++log.acceptedConnections;
       ++log.openConnections;
     });
@@ -156,28 +133,28 @@ class WsConnection : public WsConnectionBase,
 
   void read() {
     buffer_.clear();
-    ws_.async_read(buffer_, [self = this->shared_from_this()](beast::error_code ec, std::size_t) {
-      self->onRead(ec);
-    });
+    this->stream_.async_read(buffer_, [self = this->shared_from_this()](
+                                          beast::error_code ec, std::size_t) { self->onRead(ec); });
   }
 
   void onRead(beast::error_code ec) {
     if (ec) {
       if (ec == websocket::error::closed) {
-        const uint16_t code = ws_.reason().code;
-        state_.log->update([code](WsServerLog& log) { log.clientCloseCodes.push_back(code); });
+        const uint16_t code = this->stream_.reason().code;
+        this->state_.log->update(
+            [code](WsServerLog& log) { log.clientCloseCodes.push_back(code); });
       }
       return end();
     }
-    WsFrame frame{id_, beast::buffers_to_string(buffer_.data()), ws_.got_binary()};
-    state_.log->update([&](WsServerLog& log) { log.frames.push_back(frame); });
-    if (const auto handler = state_.behaviour->get().handler) {
+    WsFrame frame{this->id_, beast::buffers_to_string(buffer_.data()), this->stream_.got_binary()};
+    this->state_.log->update([&](WsServerLog& log) { log.frames.push_back(frame); });
+    if (const auto handler = this->state_.behaviour->get().handler) {
       for (auto& reply : handler(frame)) {
         if (reply.delay.count() <= 0) {
           enqueue({Outgoing::Kind::Text, std::move(reply.text)});
           continue;
         }
-        listener_.after(reply.delay, [weak = this->weak_from_this(), text = reply.text] {
+        this->listener_.after(reply.delay, [weak = this->weak_from_this(), text = reply.text] {
           if (auto self = weak.lock()) self->enqueue({Outgoing::Kind::Text, text});
         });
       }
@@ -194,7 +171,7 @@ class WsConnection : public WsConnectionBase,
     Outgoing& next = outbox_.front();
     auto self = this->shared_from_this();
     if (next.kind == Outgoing::Kind::Close) {
-      ws_.async_close(
+      this->stream_.async_close(
           websocket::close_reason(static_cast<websocket::close_code>(next.closeCode), next.data),
           [self](beast::error_code) {
             self->outbox_.clear();
@@ -202,8 +179,7 @@ class WsConnection : public WsConnectionBase,
           });
       return;
     }
-    ws_.binary(next.kind == Outgoing::Kind::Binary);
-    ws_.async_write(net::buffer(next.data), [self](beast::error_code ec, std::size_t) {
+    this->stream_.async_write(net::buffer(next.data), [self](beast::error_code ec, std::size_t) {
       self->outbox_.pop_front();
       if (ec) {
         self->writing_ = false;
@@ -218,18 +194,14 @@ class WsConnection : public WsConnectionBase,
     ended_ = true;
     if (open_) {
       open_ = false;
-      state_.log->update([](WsServerLog& log) {
+      this->state_.log->update([](WsServerLog& log) {
         --log.openConnections;
         ++log.endedConnections;
       });
     }
-    listener_.forget(id_);
+    this->listener_.forget(this->id_);
   }
 
-  LoopbackListener& listener_;
-  const WsState state_;
-  const uint64_t id_;
-  websocket::stream<NextLayer> ws_;
   beast::flat_buffer buffer_;
   http::request<http::string_body> request_;
   http::response<http::string_body> response_;
@@ -239,13 +211,14 @@ class WsConnection : public WsConnectionBase,
   bool ended_ = false;
 };
 
-// Queues `outgoing` on every open connection; returns how many.
-std::size_t sendToEveryOpen(LoopbackListener& listener, const Outgoing& outgoing) {
+// Runs `act` on every open connection; returns how many there were.
+template <class F>
+std::size_t forEveryOpen(LoopbackListener& listener, F act) {
   return listener.call([&] {
     std::size_t count = 0;
     for (const auto& connection : listener.connections<WsConnectionBase>()) {
       if (!connection->isOpen()) continue;
-      connection->enqueue(outgoing);
+      act(*connection);
       ++count;
     }
     return count;
@@ -281,44 +254,22 @@ void WsTestServer::refuseAllUpgrades(unsigned status) {
   refuseUpgrades(status, kForever);
 }
 
-void WsTestServer::acceptUpgrades() {
-  refuseUpgrades(0, 0);
-}
-
 std::size_t WsTestServer::pushText(std::string text) {
-  return sendToEveryOpen(*listener_, {Outgoing::Kind::Text, std::move(text)});
-}
-
-std::size_t WsTestServer::pushBinary(std::string bytes) {
-  return sendToEveryOpen(*listener_, {Outgoing::Kind::Binary, std::move(bytes)});
+  return forEveryOpen(*listener_, [&](auto& c) { c.enqueue({Outgoing::Kind::Text, text}); });
 }
 
 std::size_t WsTestServer::closeConnections(uint16_t code, std::string reason) {
-  return sendToEveryOpen(*listener_, {Outgoing::Kind::Close, std::move(reason), code});
+  return forEveryOpen(*listener_, [&](auto& c) {
+    c.enqueue({Outgoing::Kind::Close, reason, code});
+  });
 }
 
 std::size_t WsTestServer::dropConnections() {
-  return listener_->call([this] {
-    std::size_t count = 0;
-    for (const auto& connection : listener_->connections<WsConnectionBase>()) {
-      if (!connection->isOpen()) continue;
-      connection->drop();
-      ++count;
-    }
-    return count;
-  });
+  return forEveryOpen(*listener_, [](auto& c) { c.drop(); });
 }
 
 std::size_t WsTestServer::endStreams() {
-  return listener_->call([this] {
-    std::size_t count = 0;
-    for (const auto& connection : listener_->connections<WsConnectionBase>()) {
-      if (!connection->isOpen()) continue;
-      connection->endStream();
-      ++count;
-    }
-    return count;
-  });
+  return forEveryOpen(*listener_, [](auto& c) { c.endStream(); });
 }
 
 void WsTestServer::clearLog() {

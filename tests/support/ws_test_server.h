@@ -72,11 +72,9 @@ class WsTestServer : public LoggingLoopbackServer<WsServerLog> {
   void refuseUpgrades(unsigned status, std::size_t count = 1);
   // Refuses every upgrade request from now on, until acceptUpgrades().
   void refuseAllUpgrades(unsigned status);
-  void acceptUpgrades();
-  // Sends a text (or binary) frame to every open connection; returns how many
-  // connections it was queued on.
+  // Sends a text frame to every open connection; returns how many connections
+  // it was queued on.
   std::size_t pushText(std::string text);
-  std::size_t pushBinary(std::string bytes);
   // Starts the closing handshake with this close code on every open connection.
   std::size_t closeConnections(uint16_t code, std::string reason = {});
   // Resets every open connection at the TCP level (no close frame).

@@ -21,27 +21,24 @@ constexpr int kNoMatch = 3;
 
 class CompareCommandTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    long_ = testaudio::renderChord(8000, 0.0, 6.0);
-    writeMono("long.wav", long_, 8000);
-  }
+  void SetUp() override { writeMono("long.wav", long_); }
 
-  void writeMono(const std::string& name, const std::vector<float>& samples, int rate) {
-    testaudio::writeItems(dir_.file(name), testaudio::toItems(samples), 1, rate, SF_FORMAT_WAV);
+  void writeMono(const std::string& name, const std::vector<float>& samples) {
+    testaudio::writeItems(dir_.file(name), testaudio::toItems(samples), 1, 8000, SF_FORMAT_WAV);
   }
-
-  // The excerpt of the long recording from `first` on, `count` samples.
-  std::vector<float> excerpt(size_t first, size_t count) const {
-    return {long_.begin() + static_cast<ptrdiff_t>(first),
-            long_.begin() + static_cast<ptrdiff_t>(first + count)};
+  // Writes `count` samples of the long recording from `first` on.
+  void writeExcerpt(const std::string& name, size_t first, size_t count) {
+    writeMono(name, {long_.begin() + static_cast<ptrdiff_t>(first),
+                     long_.begin() + static_cast<ptrdiff_t>(first + count)});
   }
 
   // The plain and the JSON output must agree, and the exit status must
   // follow the verdict.
-  Match compare(const std::vector<std::string>& args) {
-    std::vector<std::string> full{"compare"};
-    full.insert(full.end(), args.begin(), args.end());
-    const ToolRun run = runTool(full);
+  Match compare(std::vector<std::string> args) {
+    args.insert(args.begin(), "compare");
+    for (std::string& arg : args)
+      if (arg.ends_with(".wav")) arg = dir_.file(arg);
+    const ToolRun run = runTool(args);
     EXPECT_EQ(run.err, "");
     const std::regex format(
         "offset (\\d+\\.\\d{3}) s\nconfidence (-?\\d+\\.\\d{4})\n(match|no match)\n");
@@ -53,74 +50,60 @@ class CompareCommandTest : public ::testing::Test {
     const Match plain{std::stod(parts[1]), std::stod(parts[2]), parts[3] == "match"};
     EXPECT_EQ(run.exitCode, plain.match ? 0 : kNoMatch) << run.err;
 
-    full.push_back("--json");
-    const auto json = nlohmann::json::parse(runTool(full).out, nullptr, false);
-    EXPECT_EQ(json, nlohmann::json({{"offset", plain.offsetSeconds},
-                                    {"confidence", plain.confidence},
-                                    {"match", plain.match}}));
+    args.push_back("--json");
+    EXPECT_EQ(nlohmann::json::parse(runTool(args).out, nullptr, false),
+              nlohmann::json({{"offset", plain.offsetSeconds},
+                              {"confidence", plain.confidence},
+                              {"match", plain.match}}));
     return plain;
   }
 
   ScratchDir dir_;
-  std::vector<float> long_;
+  const std::vector<float> long_ = testaudio::renderChord(8000, 0.0, 6.0);
 };
 
-TEST_F(CompareCommandTest, FindsAnExcerptCutOnAHashStep) {
-  writeMono("cut.wav", excerpt(8000, 12000), 8000);  // 1.0 s to 2.5 s
-  const Match match = compare({dir_.file("cut.wav"), dir_.file("long.wav")});
-  EXPECT_DOUBLE_EQ(match.offsetSeconds, 1.0);
-  EXPECT_GT(match.confidence, 0.95);
-}
-
-TEST_F(CompareCommandTest, FindsAnExcerptCutSlightlyOffTheHashSteps) {
+TEST_F(CompareCommandTest, FindsExcerptsOnAndOffTheHashStepsAndAtOtherRates) {
+  writeExcerpt("cut.wav", 8000, 12000);  // 1.0 s to 2.5 s
   // The low bands carry the heaviest bits and follow the phase of the frame,
   // so agreement fades as the cut moves towards half a step (32 samples).
-  writeMono("cut.wav", excerpt(8000 + 4, 12000), 8000);  // 1.0005 s
-  const Match match = compare({dir_.file("cut.wav"), dir_.file("long.wav")});
-  EXPECT_NEAR(match.offsetSeconds, 1.0005, 0.008);
-  EXPECT_GT(match.confidence, 0.8);
-}
-
-TEST_F(CompareCommandTest, FindsAStereoCdRateRecordingOfTheSameSound) {
+  writeExcerpt("off.wav", 8000 + 4, 12000);
   // 2.504 s is on a hash step of the 8000 Hz file.
   const auto channel = testaudio::toItems(testaudio::renderChord(44100, 2.504, 2.0));
   testaudio::writeItems(dir_.file("cd.wav"), testaudio::interleave({channel, channel}), 2, 44100,
                         SF_FORMAT_WAV);
-  const Match match = compare({dir_.file("cd.wav"), dir_.file("long.wav")});
-  EXPECT_NEAR(match.offsetSeconds, 2.504, 0.008);
-  EXPECT_GT(match.confidence, 0.9);
-}
-
-TEST_F(CompareCommandTest, FileAgainstItselfMatchesAtTheStart) {
-  const Match match = compare({dir_.file("long.wav"), dir_.file("long.wav")});
-  EXPECT_DOUBLE_EQ(match.offsetSeconds, 0.0);
-  EXPECT_GT(match.confidence, 0.95);
+  struct Case {
+    const char* file;
+    double offset, tolerance, minConfidence;
+  };
+  for (const Case& c : {Case{"cut.wav", 1.0, 0, 0.95}, Case{"off.wav", 1.0005, 0.008, 0.8},
+                        Case{"cd.wav", 2.504, 0.008, 0.9}, Case{"long.wav", 0.0, 0, 0.95}}) {
+    const Match match = compare({c.file, "long.wav"});
+    EXPECT_NEAR(match.offsetSeconds, c.offset, c.tolerance) << c.file;
+    EXPECT_GT(match.confidence, c.minConfidence) << c.file;
+    EXPECT_TRUE(match.match) << c.file;
+  }
 }
 
 TEST_F(CompareCommandTest, UnrelatedSoundAndSilenceDoNotMatch) {
-  writeMono("other.wav", testaudio::renderChord(8000, 40.0, 1.5), 8000);
-  writeMono("silence.wav", std::vector<float>(12000, 0.0f), 8000);
-  writeMono("cut.wav", excerpt(16000, 12000), 8000);
-  const Match related = compare({dir_.file("cut.wav"), dir_.file("long.wav")});
+  writeMono("other.wav", testaudio::renderChord(8000, 40.0, 1.5));
+  writeMono("silence.wav", std::vector<float>(12000, 0.0f));
+  writeExcerpt("cut.wav", 16000, 12000);
+  const Match related = compare({"cut.wav", "long.wav"});
   EXPECT_TRUE(related.match);
   for (const char* name : {"other.wav", "silence.wav"}) {
-    const Match unrelated = compare({dir_.file(name), dir_.file("long.wav")});
+    const Match unrelated = compare({name, "long.wav"});
     EXPECT_FALSE(unrelated.match) << name;
     EXPECT_LT(unrelated.confidence + 0.2, related.confidence) << name;
   }
 }
 
 TEST_F(CompareCommandTest, OptionsReachTheComparison) {
-  writeMono("cut.wav", excerpt(8000 + 4, 12000), 8000);
-  const std::string cut = dir_.file("cut.wav");
-  const std::string full = dir_.file("long.wav");
+  writeExcerpt("cut.wav", 8000 + 4, 12000);
   // Under a zero threshold only identical blocks count as close, and this cut
   // is off the hash steps, so the score drops.
-  const Match strict = compare({"--threshold", "0", cut, full});
-  const Match loose = compare({"--threshold", "1", cut, full});
-  EXPECT_LT(strict.confidence, loose.confidence);
-  const Match smallBlocks = compare({"--block-size", "4", cut, full});
-  EXPECT_NEAR(smallBlocks.offsetSeconds, 1.0005, 0.008);
+  EXPECT_LT(compare({"--threshold", "0", "cut.wav", "long.wav"}).confidence,
+            compare({"--threshold", "1", "cut.wav", "long.wav"}).confidence);
+  EXPECT_NEAR(compare({"--block-size", "4", "cut.wav", "long.wav"}).offsetSeconds, 1.0005, 0.008);
 }
 
 }  // namespace

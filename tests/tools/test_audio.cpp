@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
+#include <type_traits>
 
 namespace tellora::testaudio {
 namespace {
@@ -28,15 +29,27 @@ double unitValue(uint32_t key) {
 
 constexpr int kPartials = 40;
 
-SNDFILE* openForWriting(const std::string& path, int channels, int rate, int format) {
+// Writes frames of `channels` items; false when libsndfile lacks the format.
+template <class Item>
+bool writeFrames(const std::string& path, const Item* items, size_t frames, int channels, int rate,
+                 int format) {
   SF_INFO info{};
   info.samplerate = rate;
   info.channels = channels;
   info.format = format;
+  if (!sf_format_check(&info)) return false;
   SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
   if (file == nullptr)
     throw std::runtime_error("cannot write " + path + ": " + sf_strerror(nullptr));
-  return file;
+  const auto count = static_cast<sf_count_t>(frames);
+  sf_count_t written = 0;
+  if constexpr (std::is_same_v<Item, float>)
+    written = sf_writef_float(file, items, count);
+  else
+    written = sf_writef_short(file, items, count);
+  sf_close(file);
+  if (written != count) throw std::runtime_error("short write to " + path);
+  return true;
 }
 
 }  // namespace
@@ -111,35 +124,18 @@ std::vector<int16_t> interleave(const std::vector<std::vector<int16_t>>& channel
 
 void writeItems(const std::string& path, const std::vector<int16_t>& interleaved, int channels,
                 int rate, int majorFormat) {
-  SNDFILE* file = openForWriting(path, channels, rate, majorFormat | SF_FORMAT_PCM_16);
-  const sf_count_t frames = static_cast<sf_count_t>(interleaved.size()) / channels;
-  const sf_count_t written = sf_writef_short(file, interleaved.data(), frames);
-  sf_close(file);
-  if (written != frames) throw std::runtime_error("short write to " + path);
+  if (!writeFrames(path, interleaved.data(), interleaved.size() / channels, channels, rate,
+                   majorFormat | SF_FORMAT_PCM_16))
+    throw std::runtime_error("libsndfile cannot write " + path);
 }
 
 void writeFloatWav(const std::string& path, const std::vector<float>& samples, int rate) {
-  SNDFILE* file = openForWriting(path, 1, rate, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
-  const sf_count_t written =
-      sf_writef_float(file, samples.data(), static_cast<sf_count_t>(samples.size()));
-  sf_close(file);
-  if (written != static_cast<sf_count_t>(samples.size())) {
-    throw std::runtime_error("short write to " + path);
-  }
+  writeFrames(path, samples.data(), samples.size(), 1, rate, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
 }
 
 bool writeVorbis(const std::string& path, const std::vector<float>& samples, int rate) {
-  SF_INFO info{};
-  info.samplerate = rate;
-  info.channels = 1;
-  info.format = SF_FORMAT_OGG | SF_FORMAT_VORBIS;
-  if (!sf_format_check(&info)) return false;
-  SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
-  if (file == nullptr) return false;
-  const sf_count_t written =
-      sf_writef_float(file, samples.data(), static_cast<sf_count_t>(samples.size()));
-  sf_close(file);
-  return written == static_cast<sf_count_t>(samples.size());
+  return writeFrames(path, samples.data(), samples.size(), 1, rate,
+                     SF_FORMAT_OGG | SF_FORMAT_VORBIS);
 }
 
 }  // namespace tellora::testaudio

@@ -15,6 +15,8 @@ using TransportFailureTest = TransportTest;
 struct Refusal {
   unsigned status;
   bool reported;  // only the server's own refusals reach the delegate
+  // Not the raw bytes, padding included, which valgrind reports as uninitialised.
+  friend void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.status; }
 };
 
 class TransportRefusalTest : public TransportTest, public ::testing::WithParamInterface<Refusal> {};
@@ -117,14 +119,6 @@ TEST_F(TransportFailureTest, AttemptLimitReportsTheClientsOwnErrorAndStops) {
   EXPECT_EQ(attempts(), 0u);
 }
 
-// Which URLs are unusable is the URL tests' business; all fail the same way here.
-TEST_F(TransportFailureTest, UnusableUrlFailsCleanlyAndIsRetried) {
-  makeTransport("ftp://127.0.0.1/ws");
-  open();
-  ASSERT_TRUE(waitForLog("didFailWithError: (null)", 2));
-  EXPECT_TRUE(delegate_->get().empty());
-}
-
 TEST_F(TransportFailureTest, PendingRetryDoesNothingOnceTheTransportIsGone) {
   server_->refuseAllUpgrades(403);
   makeTransport(server_->url());
@@ -159,13 +153,14 @@ TEST_P(TransportServerCloseTest, CloseCodeDecidesTheError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(CloseCodes, TransportServerCloseTest,
-                         ::testing::Values<uint16_t>(3001, 3002, 1000, 1001, 3003, 4000));
+                         ::testing::Values<uint16_t>(3001, 3002, 1000, 4000));
 
 // The server ending the connection, in order or by breaking the protocol, is a
 // close, heard once and not retried; the client is writing all the while.
 struct ServerEnding {
   const char* name;
   std::function<void(WsTestServer&)> end;
+  friend void PrintTo(const ServerEnding& ending, std::ostream* out) { *out << ending.name; }
 };
 
 class TransportServerEndingTest : public TransportTest,

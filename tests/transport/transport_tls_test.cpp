@@ -33,25 +33,12 @@ TEST_F(TransportTlsTest, TrustedCertificateCarriesTheConnectionUnderItsAddressAn
 
   EXPECT_TRUE(onLoop([this] { return transport_->sendMessage("ping"); }));
   ASSERT_TRUE(delegate_->waitFor("message:got ping"));
-  EXPECT_TRUE(server_->log().frames.at(0).binary);
-
-  server_->closeConnections(3002);
-  ASSERT_TRUE(delegate_->waitFor("closed:3002"));
 
   // The host name is checked against the certificate's names as well.
   destroyTransport();
   makeTransport(server_->url("/ws", "localhost"));
   open();
   ASSERT_TRUE(delegate_->waitFor("opened", 2));
-}
-
-TEST_F(TransportTlsTest, PlainClientAgainstTlsServerFailsAndRetries) {
-  useTlsServer(TestCertificates::create());
-  const std::string plainUrl = "ws://127.0.0.1:" + std::to_string(server_->port()) + "/ws";
-  makeTransport(plainUrl);
-  open();
-  ASSERT_TRUE(waitForLog("didFailWithError: (null)", 2));
-  EXPECT_TRUE(delegate_->get().empty());
 }
 
 struct BadCertificate {
@@ -61,6 +48,7 @@ struct BadCertificate {
   std::vector<std::string> dnsNames{"localhost"};
   std::vector<std::string> ipAddresses{"127.0.0.1"};
   int validDays = 2;
+  friend void PrintTo(const BadCertificate& bad, std::ostream* out) { *out << bad.name; }
 };
 
 class TransportBadCertificateTest : public TransportTlsTest,

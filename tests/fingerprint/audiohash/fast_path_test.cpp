@@ -8,9 +8,9 @@
 #include "fingerprint/audiohash/frame_kernel.h"
 #include "fingerprint/audiohash/hash_tables.h"
 #include "fingerprint/audiohash/reference_hash.h"
-#include "fingerprint/audiohash/test_signals.h"
 #include "tellora/audiohash.h"
 #include "tests/fingerprint/audiohash/hashed.h"
+#include "tests/fingerprint/audiohash/test_signals.h"
 
 namespace {
 

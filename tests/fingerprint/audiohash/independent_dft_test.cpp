@@ -7,9 +7,9 @@
 #include <cmath>
 #include <vector>
 
-#include "fingerprint/audiohash/test_signals.h"
 #include "tellora/audiohash.h"
 #include "tests/fingerprint/audiohash/hashed.h"
+#include "tests/fingerprint/audiohash/test_signals.h"
 
 namespace {
 

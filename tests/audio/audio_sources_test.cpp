@@ -1,6 +1,7 @@
-// Audio files played through the recorder as if a microphone heard them. How
-// files are decoded and converted is the reader's test
-// (tests/tools/audio_file_reader_test.cpp).
+// The sources beside the microphone, through the recorder to its delegate:
+// audio files played as if a microphone heard them (how files are decoded and
+// converted is the reader's test, tests/tools/audio_file_reader_test.cpp), and
+// blocks the host pushes itself.
 #include "audio/file/file_audio_source.h"
 
 #include <gtest/gtest.h>
@@ -9,6 +10,8 @@
 #include <thread>
 
 #include "audio/audio_ticks.h"
+#include "runtime/clock.h"
+#include "tellora/host_fed_audio.h"
 #include "tests/audio/recorder_test_support.h"
 #include "tests/tools/scratch_dir.h"
 #include "tests/tools/test_audio.h"
@@ -36,8 +39,9 @@ class FileAudioSourceTest : public ::testing::Test {
     return dir_.file(name);
   }
   void record(const std::string& path, bool looping) {
-    recorder_ = std::make_unique<LoopRecorder>(8000.0, fileAudioSourceFactory(path, looping));
-    recorder_->report(delegate_, milliseconds(50));
+    recorder_ = std::make_unique<LoopRecorder>(8000.0, fileAudioSourceFactory(path, looping),
+                                               milliseconds(50));
+    delegate_ = recorder_->delegate;
     recorder_->start();
   }
   std::vector<int16_t> allItems() {
@@ -48,7 +52,7 @@ class FileAudioSourceTest : public ::testing::Test {
   }
 
   testtools::ScratchDir dir_;
-  std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
+  std::shared_ptr<RecordingDelegate> delegate_;
   std::unique_ptr<LoopRecorder> recorder_;
 };
 
@@ -117,6 +121,77 @@ TEST_F(FileAudioSourceTest, AFileThatCannotBeReadFailsTheStartAndIsRetried) {
   EXPECT_TRUE(recorder_->isRec());
   ASSERT_TRUE(delegate_->waitForBlocks(1));
   EXPECT_EQ(delegate_->blocks.values()[0].items, ramp(800));
+}
+
+// Blocks the host pushes itself, through the recorder to its delegate.
+class HostFedSourceTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<TLRHostFedAudio> feed_ = TLRHostFedAudio::create();
+  LoopRecorder recorder_{8000.0, feed_->sourceFactory()};
+  std::shared_ptr<RecordingDelegate> delegate_ = recorder_.delegate;
+};
+
+TEST_F(HostFedSourceTest, RefusesBlocksWhileNotRecording) {
+  const std::vector<int16_t> items(800, 1);
+  EXPECT_FALSE(feed_->push(items.data(), 800, 1.0));
+  EXPECT_FALSE(feed_->sampleRate().has_value());
+
+  recorder_.start();
+  recorder_.stop();
+  EXPECT_FALSE(feed_->push(items.data(), 800, 1.0));
+  EventLoop::main().drain();
+  EXPECT_EQ(delegate_->blocks.size(), 0u);
+}
+
+TEST_F(HostFedSourceTest, DeliversPushedBlocksOnTheLoopWithTheHostsTicks) {
+  recorder_.start();
+  EXPECT_EQ(feed_->sampleRate(), 8000.0);
+  std::vector<int16_t> first(800), second(333);
+  for (size_t i = 0; i < first.size(); ++i)
+    first[i] = static_cast<int16_t>(i * 37 - 9000);
+  for (size_t i = 0; i < second.size(); ++i)
+    second[i] = static_cast<int16_t>(-static_cast<int>(i));
+  std::thread host([&] {
+    EXPECT_TRUE(feed_->push(first.data(), static_cast<uint32_t>(first.size()), 5e9));
+    EXPECT_TRUE(feed_->push(second.data(), static_cast<uint32_t>(second.size()), 5.1e9));
+  });
+  host.join();
+
+  ASSERT_TRUE(delegate_->waitForBlocks(2));
+  const auto blocks = delegate_->blocks.values();
+  EXPECT_EQ(blocks[0].items, first);
+  EXPECT_EQ(blocks[0].time, 5e9);
+  EXPECT_EQ(blocks[1].items, second);
+  EXPECT_EQ(blocks[1].time, 5.1e9);
+  EXPECT_TRUE(blocks[0].onLoop && blocks[1].onLoop);
+}
+
+TEST_F(HostFedSourceTest, ABlockWithoutTicksIsTakenToEndNow) {
+  recorder_.start();
+  const std::vector<int16_t> items(800, 2);
+  const double before = monotonicTicks();
+  ASSERT_TRUE(feed_->push(items.data(), 800));
+  const double after = monotonicTicks();
+
+  ASSERT_TRUE(delegate_->waitForBlocks(1));
+  const double blockLength = ticksForItems(800, 8000.0);
+  EXPECT_GE(delegate_->blocks.values()[0].time, before - blockLength);
+  EXPECT_LE(delegate_->blocks.values()[0].time, after - blockLength);
+}
+
+TEST_F(HostFedSourceTest, ANewerRecordingTakesTheFeedOver) {
+  recorder_.start();
+  LoopRecorder other(8000.0, feed_->sourceFactory());
+  other.start();
+
+  // Stopping the older recording must not cut the newer one off.
+  recorder_.stop();
+  const std::vector<int16_t> items{1, 2, 3};
+  EXPECT_TRUE(feed_->push(items.data(), 3, 1.0));
+  ASSERT_TRUE(other.delegate->waitForBlocks(1));
+  EventLoop::main().drain();
+  EXPECT_EQ(delegate_->blocks.size(), 0u);
+  other.stop();
 }
 
 }  // namespace

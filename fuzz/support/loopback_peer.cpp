@@ -1,4 +1,4 @@
-#include "fuzz/support/scripted_ws_peer.h"
+#include "fuzz/support/loopback_peer.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -13,8 +13,9 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
+
+#include "fuzz/support/harness.h"
 
 namespace tellora::fuzzing {
 
@@ -25,7 +26,6 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kSendLimit{200};
 constexpr milliseconds kRequestLimit{200};
-constexpr milliseconds kGoodbyeLimit{20};
 constexpr size_t kRequestHeaderLimit = 16 * 1024;
 // The client's frames are small; one announcing more is not worth following.
 constexpr uint64_t kClientFrameLimit = 1u << 20;
@@ -43,16 +43,6 @@ bool waitFor(int fd, short events, Clock::time_point deadline) {
     if (ready > 0) return true;
     if (ready == 0 || errno != EINTR) return false;
   }
-}
-
-void setNonBlocking(int fd) {
-  ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
-}
-
-void closeWithReset(int fd) {
-  linger hard{1, 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-  ::close(fd);
 }
 
 // The value of a header field, matched without regard to case.
@@ -91,7 +81,7 @@ std::string wsFrame(uint8_t firstByte, std::string_view payload) {
   return wsFrameHeader(firstByte, payload.size()) + std::string(payload);
 }
 
-ScriptedWsPeer::ScriptedWsPeer() {
+LoopbackPeer::LoopbackPeer() {
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -100,46 +90,47 @@ ScriptedWsPeer::ScriptedWsPeer() {
   if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
       ::listen(listener_, 16) != 0 ||
       ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    std::perror("scripted ws peer: listen");
-    std::abort();
+    fail("loopback peer: cannot listen");
   }
-  setNonBlocking(listener_);
+  ::fcntl(listener_, F_SETFL, ::fcntl(listener_, F_GETFL) | O_NONBLOCK);
   port_ = ntohs(address.sin_port);
 }
 
-ScriptedWsPeer::~ScriptedWsPeer() {
+LoopbackPeer::~LoopbackPeer() {
   hangUp();
   if (listener_ >= 0) ::close(listener_);
 }
 
-bool ScriptedWsPeer::accept(milliseconds limit) {
+bool LoopbackPeer::accept(milliseconds limit) {
   hangUp();
   if (!waitFor(listener_, POLLIN, Clock::now() + limit)) return false;
   connection_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
   if (connection_ < 0) return false;
-  // The upgrade request, up to its blank line.
+  // The request, up to its blank line and then its Content-Length body.
   std::string request;
-  const auto deadline = Clock::now() + kRequestLimit;
-  while (request.find("\r\n\r\n") == std::string::npos) {
+  size_t needed = std::string::npos;
+  const auto deadline = Clock::now() + std::max(limit, kRequestLimit);
+  while (request.size() < needed) {
     char buffer[2048];
-    if (request.size() > kRequestHeaderLimit || !waitFor(connection_, POLLIN, deadline)) {
-      hangUp();
-      return false;
-    }
+    if (request.size() > kRequestHeaderLimit || !waitFor(connection_, POLLIN, deadline)) break;
     const ssize_t n = ::recv(connection_, buffer, sizeof buffer, 0);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (n <= 0) {
-      hangUp();
-      return false;
-    }
+    if (n <= 0) break;
     request.append(buffer, static_cast<size_t>(n));
+    const size_t end = request.find("\r\n\r\n");
+    if (needed == std::string::npos && end != std::string::npos)
+      needed = end + 4 + std::strtoul(headerValue(request, "content-length").c_str(), nullptr, 10);
   }
-  inbound_ = request.substr(request.find("\r\n\r\n") + 4);
+  if (request.size() < needed) {
+    hangUp();
+    return false;
+  }
+  inbound_ = request.substr(needed);
   key_ = headerValue(request, "sec-websocket-key");
   return true;
 }
 
-std::string ScriptedWsPeer::upgradeResponse() const {
+std::string LoopbackPeer::upgradeResponse() const {
   const std::string magic = key_ + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
   unsigned char digest[SHA_DIGEST_LENGTH];
   SHA1(reinterpret_cast<const unsigned char*>(magic.data()), magic.size(), digest);
@@ -150,7 +141,7 @@ std::string ScriptedWsPeer::upgradeResponse() const {
          std::string(reinterpret_cast<const char*>(accept)) + "\r\n\r\n";
 }
 
-bool ScriptedWsPeer::send(std::string_view bytes) {
+bool LoopbackPeer::send(std::string_view bytes) {
   const auto deadline = Clock::now() + kSendLimit;
   while (connected() && !bytes.empty()) {
     const ssize_t n = ::send(connection_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -172,7 +163,7 @@ bool ScriptedWsPeer::send(std::string_view bytes) {
   return connected();
 }
 
-void ScriptedWsPeer::pump(milliseconds wait) {
+void LoopbackPeer::pump(milliseconds wait) {
   const auto deadline = Clock::now() + wait;
   bool first = true;
   while (connected() && (first || Clock::now() < deadline)) {
@@ -189,7 +180,7 @@ void ScriptedWsPeer::pump(milliseconds wait) {
 }
 
 // Client frames are masked; their payloads are the SDK's JSON requests.
-void ScriptedWsPeer::parseClientFrames() {
+void LoopbackPeer::parseClientFrames() {
   for (;;) {
     if (inbound_.size() < 2) return;
     const auto* bytes = reinterpret_cast<const unsigned char*>(inbound_.data());
@@ -223,20 +214,23 @@ void ScriptedWsPeer::parseClientFrames() {
   }
 }
 
-void ScriptedWsPeer::reset() {
+void LoopbackPeer::reset() {
   if (!connected()) return;
-  closeWithReset(connection_);
-  connection_ = -1;
-}
-
-void ScriptedWsPeer::endStream() {
-  if (!connected()) return;
-  ::shutdown(connection_, SHUT_WR);
-  pump(kGoodbyeLimit);
+  linger hard{1, 0};
+  ::setsockopt(connection_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
   hangUp();
 }
 
-void ScriptedWsPeer::hangUp() {
+bool LoopbackPeer::endStream(milliseconds wait) {
+  if (!connected()) return false;
+  ::shutdown(connection_, SHUT_WR);
+  pump(wait);
+  const bool wentAway = !connected();
+  hangUp();
+  return wentAway;
+}
+
+void LoopbackPeer::hangUp() {
   if (!connected()) return;
   ::close(connection_);
   connection_ = -1;

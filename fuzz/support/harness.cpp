@@ -1,12 +1,10 @@
-#include "fuzz/support/scratch_folder.h"
+#include "fuzz/support/harness.h"
 
+#include <errno.h>
 #include <stdlib.h>
-
-#include <cstdlib>
 
 #include <cstdio>
 #include <string>
-#include <string_view>
 #include <system_error>
 
 #include "runtime/user_defaults.h"
@@ -16,26 +14,24 @@ namespace tellora::fuzzing {
 
 namespace fs = std::filesystem;
 
-namespace {
-
-fs::path* folderPath = nullptr;
-
-void removeScratchFolder() {
-  std::error_code ignored;
-  if (folderPath) fs::remove_all(*folderPath, ignored);
+void fail(const char* what) {
+  std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, what);
+  std::abort();
 }
 
+namespace {
+fs::path* folderPath = nullptr;
 }  // namespace
 
 const fs::path& scratchFolder() {
   if (!folderPath) {
     std::string pattern = (fs::temp_directory_path() / "tellora-fuzz-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) {
-      std::perror("tellora fuzz: cannot create a scratch folder");
-      std::abort();
-    }
+    if (!mkdtemp(pattern.data())) fail("cannot create a scratch folder");
     folderPath = new fs::path(pattern);
-    std::atexit(removeScratchFolder);
+    std::atexit([] {
+      std::error_code ignored;
+      fs::remove_all(*folderPath, ignored);
+    });
   }
   return *folderPath;
 }

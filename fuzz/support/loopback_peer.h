@@ -1,8 +1,9 @@
-// The server's end of a WebSocket connection on 127.0.0.1, for harnesses that
-// fuzz what a server sends. It runs on the calling thread, one connection at a
-// time, and writes whatever bytes it is given, well-formed frames or not. It
-// reads the client's frames as they come (so the client's writes never stall)
-// and remembers the id of the last request among them. Every wait is bounded.
+// The server's end of a connection on 127.0.0.1, for harnesses that fuzz what
+// a server sends: an HTTP response, or a WebSocket session. It runs on the
+// calling thread, one connection at a time, and writes whatever bytes it is
+// given, well-formed or not. It reads the client's frames as they come (so
+// the client's writes never stall) and remembers the id of the last request
+// among them. Every wait is bounded.
 #pragma once
 
 #include <chrono>
@@ -19,20 +20,20 @@ std::string wsFrameHeader(uint8_t firstByte, uint64_t announcedLength);
 // A whole frame: the header announcing the payload's own length, then it.
 std::string wsFrame(uint8_t firstByte, std::string_view payload);
 
-class ScriptedWsPeer {
+class LoopbackPeer {
  public:
   // Listens on an ephemeral port; aborts when it cannot.
-  ScriptedWsPeer();
-  ~ScriptedWsPeer();
-  ScriptedWsPeer(const ScriptedWsPeer&) = delete;
-  ScriptedWsPeer& operator=(const ScriptedWsPeer&) = delete;
+  LoopbackPeer();
+  ~LoopbackPeer();
+  LoopbackPeer(const LoopbackPeer&) = delete;
+  LoopbackPeer& operator=(const LoopbackPeer&) = delete;
 
   uint16_t port() const { return port_; }
   bool connected() const { return connection_ >= 0; }
 
   // Hangs up the current connection, if any, then takes the next client and
-  // reads its upgrade request. False when none came within `limit` or its
-  // request did not arrive in time.
+  // reads its request (header and Content-Length body). False when none came
+  // within `limit` or its request did not arrive in time.
   bool accept(std::chrono::milliseconds limit);
   // The upgrade answer a server gives: 101 with the key's accept value.
   std::string upgradeResponse() const;
@@ -45,9 +46,16 @@ class ScriptedWsPeer {
   std::optional<int64_t> lastRequestId() const { return lastRequestId_; }
 
   // Ends the connection: with a reset (RST), or by ending the stream (FIN) and
-  // then reading until the client goes or a short limit passes.
+  // then reading until the client goes or `wait` passes; true when it went.
   void reset();
-  void endStream();
+  bool endStream(std::chrono::milliseconds wait = std::chrono::milliseconds(20));
+
+  // An HTTP exchange: takes a client, writes `response` and ends the stream,
+  // the end marking the end of a body sent without a length. False when a step
+  // outlasted `limit` or the client did not hang up.
+  bool serveOne(std::string_view response, std::chrono::milliseconds limit) {
+    return accept(limit) && send(response) && endStream(limit);
+  }
 
  private:
   void hangUp();
