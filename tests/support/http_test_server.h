@@ -33,16 +33,16 @@ struct HttpReply {
   std::vector<std::pair<std::string, std::string>> headers;
   // Waits this long before answering (without blocking other connections).
   std::chrono::milliseconds delay{0};
-  // For test parameters: gtest would otherwise print the raw bytes, padding
-  // included, which valgrind reports as uninitialised.
-  inline void PrintTo(const HttpReply& reply, std::ostream* out) {
-    *out << reply.status << " " << reply.body;
-  }
-
   // Instead of a response: closes the connection without a word.
   bool hangUp = false;
   // Instead of a formatted response: exactly these bytes, then the connection closes.
   std::optional<std::string> raw;
+
+  // For test parameters: gtest would otherwise print the raw bytes, padding
+  // included, which valgrind reports as uninitialised.
+  friend void PrintTo(const HttpReply& reply, std::ostream* out) {
+    *out << reply.status << " " << reply.body;
+  }
 
   static HttpReply json(unsigned status, std::string body);
   static HttpReply hangUpAfter(std::chrono::milliseconds delay = {});
