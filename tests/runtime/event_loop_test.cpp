@@ -43,16 +43,23 @@ TEST_F(EventLoopTest, KeepsEachPostersOrderUnderConcurrentPostsAndDrainWaitsForT
     ASSERT_EQ(index, next[thread]++) << "poster " << thread;
 }
 
-TEST_F(EventLoopTest, CallRunsOnTheLoopAndInlineWhenAlreadyThere) {
+TEST_F(EventLoopTest, CallAndDispatchRunInlineOnTheLoopAndDispatchNeverWaitsElsewhere) {
   std::vector<int> order;
   const bool onLoop = loop_.call([&] {
     order.push_back(1);
-    loop_.call([&] { order.push_back(2); });  // would deadlock if queued
-    order.push_back(3);
+    loop_.call([&] { order.push_back(2); });      // would deadlock if queued
+    loop_.dispatch([&] { order.push_back(3); });  // would come after 4 if queued
+    order.push_back(4);
     return loop_.isCurrent();
   });
   EXPECT_TRUE(onLoop);
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+
+  // From another thread it is queued: the task below waits for this thread.
+  std::promise<void> gate;
+  loop_.dispatch([opened = gate.get_future().share()] { opened.wait(); });
+  gate.set_value();
+  loop_.drain();
 }
 
 TEST_F(EventLoopTest, ExceptionsReachTheCallerOrAreSwallowedAndTheLoopKeepsRunning) {
