@@ -7,6 +7,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <random>
+#include <string_view>
+#include <unordered_map>
 
 #include "registration/device_info.h"
 #include "registration/http_error.h"
@@ -473,16 +475,15 @@ void TLRTelloraImpl::nearbyRemovedWithClientID(const std::string& clientID) {
 // first (the host has heard of that client since); failing that, the oldest.
 void TLRTelloraImpl::boundNearbyClients() {
   if (nearbyClients_.size() <= kNearbyClientsLimit) return;
-  auto victim = nearbyClients_.begin();
-  for (auto it = nearbyClients_.begin(); it != nearbyClients_.end(); ++it) {
-    const bool listedAgain =
-        std::any_of(std::next(it), nearbyClients_.end(),
-                    [&](const TLRClient& later) { return later.clientID() == it->clientID(); });
-    if (listedAgain) {
-      victim = it;
-      break;
-    }
-  }
+  // One pass to count: the first entry whose id is listed more than once is
+  // listed again later. (Each push lands here, so no quadratic scan.)
+  std::unordered_map<std::string_view, int> listings;
+  for (const TLRClient& client : nearbyClients_)
+    ++listings[client.clientID()];
+  auto victim =
+      std::find_if(nearbyClients_.begin(), nearbyClients_.end(),
+                   [&](const TLRClient& client) { return listings[client.clientID()] > 1; });
+  if (victim == nearbyClients_.end()) victim = nearbyClients_.begin();
   debugf("Tellora: nearby list full, dropping %s", victim->clientID().c_str());
   nearbyClients_.erase(victim);
 }

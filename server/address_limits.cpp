@@ -113,8 +113,9 @@ std::optional<std::chrono::seconds> AddressLimits::takeRegistration(
     const boost::asio::ip::address& address, Clock::time_point now) {
   const double burst = std::max(1.0, settings_.registrationBurst);
   const double rate = settings_.registrationsPerSecond;
-  if (now - lastSweep_ >= std::chrono::seconds(1) || buckets_.size() >= kMaxBuckets)
-    sweepBuckets(now);
+  // At most once a second: a table full of live buckets would otherwise be
+  // scanned again on every registration.
+  if (now - lastSweep_ >= std::chrono::seconds(1)) sweepBuckets(now);
   const Key key = keyOf(address);
   auto it = buckets_.find(key);
   if (it == buckets_.end()) {
