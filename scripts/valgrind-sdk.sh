@@ -13,6 +13,8 @@ tests=(facade/facade_search_test facade/facade_connection_test facade/facade_sha
        facade/facade_c_api_test
        "transport/transport_tests:Endings/*:*ResetLink*:*MessageOfOneMebibyte*")
 logs="$build/valgrind"
+# Everything runs 20-50 times slower under valgrind: the tests' waits stretch.
+export TELLORA_TEST_WAIT_SCALE="${TELLORA_TEST_WAIT_SCALE:-8}"
 mkdir -p "$logs"
 
 failed=0
@@ -39,6 +41,8 @@ for entry in "${tests[@]}"; do
     echo "valgrind: $name FAILED (exit $status): $summary; log: $logs/$name.log" >&2
     grep -E '^==[0-9]+== (Invalid|Conditional|Use of|Mismatched|Syscall|[0-9,]+ bytes in)' \
       "$logs/$name.log" | head -n 20 >&2
+    # A test that failed for another reason: its name and its failed checks.
+    grep -E -A3 '^\[  FAILED  \]|: Failure$' "$logs/$name.log" | head -n 40 >&2
   else
     echo "valgrind: $name ok ($summary)"
   fi

@@ -16,6 +16,7 @@
 
 #include "runtime/user_defaults.h"
 #include "tellora/logging.h"
+#include "tests/support/watched.h"
 #include "tests/tools/scratch_dir.h"
 
 namespace tellora::testing {
@@ -23,7 +24,7 @@ namespace tellora::testing {
 // Polls until `condition` holds; false after `timeout`, which only a broken
 // build ever reaches.
 inline bool waitUntil(const std::function<bool()>& condition,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+                      std::chrono::milliseconds timeout = kDefaultWait) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;

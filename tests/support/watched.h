@@ -6,14 +6,24 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <vector>
 
 namespace tellora::testing {
 
+// How many times slower than usual the tests run (under valgrind, 20-50 times):
+// TELLORA_TEST_WAIT_SCALE=10 makes every wait and every timing tolerance ten
+// times as long.
+inline long waitScale() {
+  const char* scale = std::getenv("TELLORA_TEST_WAIT_SCALE");
+  const long factor = scale ? std::strtol(scale, nullptr, 10) : 1;
+  return factor > 1 ? factor : 1;
+}
+
 // How long a test waits for something that should happen at once.
-inline constexpr std::chrono::milliseconds kDefaultWait = std::chrono::seconds(5);
+inline const std::chrono::milliseconds kDefaultWait = std::chrono::seconds(5) * waitScale();
 
 template <class T>
 class Watched {
