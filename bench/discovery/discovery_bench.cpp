@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
   RoomSet set;
   ReplayOptions replayOptions;
   std::string cache;
+  int copies = 1;
   std::vector<std::string> overrides;
   bool showConfig = false, verbose = false, audit = false;
   CLI::App app{"Discovery quality of the matcher on simulated rooms.", "discovery"};
@@ -41,6 +42,11 @@ int main(int argc, char** argv) {
   app.add_option("--seed", set.seed, "seed of the room set")->capture_default_str();
   app.add_option("--tick", replayOptions.tickMs, "milliseconds between advance calls")
       ->check(CLI::Range(1.0, 1000.0))
+      ->capture_default_str();
+  app.add_option("--copies", copies,
+                 "replay every room this many times over, each copy unrelated to the others "
+                 "(a server of many clients)")
+      ->check(CLI::Range(1, 1000))
       ->capture_default_str();
   app.add_option("--cache", cache, "file keeping the synthesised fingerprints between runs");
   app.add_option("--set", overrides, "a matcher setting, name=value (repeatable)");
@@ -60,7 +66,8 @@ int main(int argc, char** argv) {
               set.seconds, set.seed, replayOptions.tickMs);
   if (showConfig) std::printf("%s", describe(config).c_str());
 
-  const auto devices = cache.empty() ? simulateDevices(set) : simulateDevicesCached(set, cache);
+  auto devices = cache.empty() ? simulateDevices(set) : simulateDevicesCached(set, cache);
+  if (copies > 1) devices = replicateRooms(devices, copies);
   replayOptions.seconds = set.seconds;
   replayOptions.keepComparisons = true;
   const Replay r = replay(devices, config, replayOptions);

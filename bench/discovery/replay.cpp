@@ -37,7 +37,9 @@ Replay replay(const std::vector<SimulatedDevice>& devices, const server::Matcher
   Replay out;
   server::Matcher matcher(config);
   if (options.keepComparisons)
-    matcher.onComparison([&](const server::PairComparison& c) { out.comparisons.push_back(c); });
+    matcher.onComparison([&](const server::PairComparison& c) {
+      if (devices[c.a].room != devices[c.b].room) out.comparisons.push_back(c);
+    });
   const auto arrivals = arrivalsInOrder(devices);
   const double endMs = options.seconds * 1000 + 3000;
   double inMatcher = 0;

@@ -15,7 +15,7 @@ using DevicePair = std::pair<size_t, size_t>;  // first < second
 
 struct Replay {
   std::map<DevicePair, std::vector<double>> foundMs, lostMs;
-  std::vector<server::PairComparison> comparisons;  // kept only when asked for
+  std::vector<server::PairComparison> comparisons;  // of different rooms, when asked for
   server::MatcherStats stats;
   double matcherCpuSeconds = 0;  // spent inside the matcher's calls
   double clientSeconds = 0;      // searching time summed over the devices

@@ -1,9 +1,11 @@
 #include "bench/discovery/simulated_devices.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <iterator>
+#include <numeric>
 #include <random>
 
 #include "tools/scenes/scene_audio.h"
@@ -134,6 +136,55 @@ std::vector<SimulatedDevice> simulateDevicesCached(const RoomSet& set, const std
   devices = simulateDevices(set);
   save(path, set, devices);
   return devices;
+}
+
+namespace {
+
+// A random reordering of the word's bits that keeps the lower 22 (the bands
+// the matcher scores and indexes) among themselves. Unlike a XOR mask, it
+// keeps silence silent, and two copies of one sound do not differ by one
+// constant word that may happen to have few bits set.
+std::array<int, 32> shuffledBits(std::mt19937& rng) {
+  std::array<int, 32> to{};
+  std::iota(to.begin(), to.end(), 0);
+  std::shuffle(to.begin(), to.begin() + 22, rng);
+  std::shuffle(to.begin() + 22, to.end(), rng);
+  return to;
+}
+
+uint32_t moveBits(uint32_t word, const std::array<int, 32>& to) {
+  uint32_t out = 0;
+  for (int bit = 0; bit < 32; ++bit)
+    if (word & (1u << bit)) out |= 1u << to[static_cast<size_t>(bit)];
+  return out;
+}
+
+}  // namespace
+
+std::vector<SimulatedDevice> replicateRooms(const std::vector<SimulatedDevice>& devices,
+                                            int copies) {
+  int rooms = 0;
+  for (const auto& d : devices)
+    rooms = std::max(rooms, d.room + 1);
+  std::mt19937 rng(12345);
+  std::vector<SimulatedDevice> out;
+  out.reserve(devices.size() * static_cast<size_t>(copies));
+  for (int copy = 0; copy < copies; ++copy) {
+    // One reordering per copy of a room: the copy's devices still agree.
+    std::vector<std::array<int, 32>> orders;
+    for (int room = 0; room < rooms; ++room)
+      orders.push_back(shuffledBits(rng));
+    for (const auto& d : devices) {
+      SimulatedDevice c = d;
+      c.room = d.room + copy * rooms;
+      if (copy > 0)
+        for (auto& part : c.parts)
+          for (auto& w : part.words)
+            w = moveBits(w, orders[static_cast<size_t>(d.room)]);
+      out.push_back(std::move(c));
+    }
+  }
+  return out;
 }
 
 }  // namespace tellora::scenes

@@ -35,4 +35,11 @@ std::vector<SimulatedDevice> simulateDevices(const RoomSet& set);
 // when the file is missing or holds another set.
 std::vector<SimulatedDevice> simulateDevicesCached(const RoomSet& set, const std::string& path);
 
+// The devices `copies` times over, each copy of a room a room of its own: the
+// bits of its devices' words reordered alike, so that the devices of one room
+// still agree as before and different rooms are unrelated. Makes the
+// thousands of clients a server meets out of one synthesised set.
+std::vector<SimulatedDevice> replicateRooms(const std::vector<SimulatedDevice>& devices,
+                                            int copies);
+
 }  // namespace tellora::scenes

@@ -23,13 +23,12 @@ PairAssessment assessPair(const WordTimeline& a, const WordTimeline& b, const Ma
   const int32_t from = trackedShift ? *trackedShift - config.trackShift : -config.maxShift;
   const int32_t to = trackedShift ? *trackedShift + config.trackShift : config.maxShift;
   const int64_t end = std::min(a.newestSlot(), b.newestSlot());
-  out.agreement = compareTimelines(a, b, end, window, from, to, minOverlap, scores);
-  if (out.agreement.overlap < minOverlap) return out;
-  out.chance = chanceAgreement(a, b, end, window, minOverlap / 2, scores);
-  if (out.chance.overlap == 0) return out;
+  const WindowAssessment judged = assessWindow(a, b, end, window, from, to, minOverlap, scores);
+  out.agreement = judged.agreement;
+  out.chance = judged.chance;
+  if (out.agreement.overlap < minOverlap || out.chance.overlap == 0) return out;
   out.decisive = true;
-  out.informative =
-      isInformative(a, end, window) && isInformative(b, end + out.agreement.shift, window);
+  out.informative = judged.informative;
   out.evidence = (out.agreement.score - out.chance.score) *
                  std::pow(out.agreement.overlap / kReferenceOverlap, config.evidenceExponent);
   return out;
@@ -38,7 +37,7 @@ PairAssessment assessPair(const WordTimeline& a, const WordTimeline& b, const Ma
 Matcher::Matcher(MatcherConfig config)
     : config_(config),
       scores_(config.clearBitError, config.clearShare, config.scoredBits),
-      index_(config.keyMask, config.indexHorizonSlots) {}
+      index_(config.keyMask, config.indexHorizonSlots, config.maxShift) {}
 
 void Matcher::setSearching(ClientKey client, bool searching, double) {
   auto it = clients_.try_emplace(client, config_.historySlots).first;
@@ -72,30 +71,43 @@ void Matcher::addFingerprint(ClientKey client, std::span<const uint32_t> words, 
   c.lastFingerprintMs = nowMs;
   ++c.parts;
   const int64_t first = std::llround(stimeMs / kSlotMs);
+  constexpr size_t kPrefetchAhead = 8;
   for (size_t i = 0; i < words.size(); ++i) {
     const int64_t slot = first + static_cast<int64_t>(i);
+    if (i + kPrefetchAhead < words.size())
+      index_.prefetch(slot + kPrefetchAhead, words[i + kPrefetchAhead]);
     const auto held = c.words.at(slot);
     c.words.put(slot, words[i]);
     if (held && *held == words[i]) continue;  // already indexed (overlapping parts)
-    index_.insert(client, slot, words[i], config_.maxShift, [&](ClientKey other, int32_t shift) {
+    index_.insert(client, slot, words[i], [&](ClientKey other, int32_t shift) {
       ++stats_.indexHits;
       const PairKey k = key(client, other);
       // Shifts are b's slot minus a's.
-      recordHit(pairs_[k], client == k.first ? shift : -shift, nowMs);
+      recordHit(k, client == k.first ? shift : -shift, nowMs);
     });
   }
 }
 
-void Matcher::recordHit(Pair& p, int32_t shift, double nowMs) {
-  p.lastHitMs = nowMs;
+void Matcher::recordHit(const PairKey& k, int32_t shift, double nowMs) {
+  HitLog& log = hits_[k];
+  log.lastHitMs = nowMs;
   // Words of one sound meet at one shift again and again; chance meetings of
   // common keys scatter over the shifts.
   int agreeing = 1;
-  for (const Hit& h : p.hits)
+  for (const Hit& h : log.hits)
     if (nowMs - h.atMs <= config_.candidateWithinMs && std::abs(h.shift - shift) <= 1) ++agreeing;
-  p.hits[p.nextHit] = {nowMs, shift};
-  p.nextHit = (p.nextHit + 1) % p.hits.size();
-  if (agreeing >= config_.candidateHits) p.candidateUntilMs = nowMs + config_.candidateHoldMs;
+  log.hits[log.nextHit] = {nowMs, shift};
+  log.nextHit = (log.nextHit + 1) % log.hits.size();
+  if (agreeing >= config_.candidateHits)
+    pairs_[k].candidateUntilMs = nowMs + config_.candidateHoldMs;
+}
+
+void Matcher::sweepHits(double nowMs) {
+  if (nowMs - lastHitSweepMs_ < config_.candidateWithinMs) return;
+  lastHitSweepMs_ = nowMs;
+  std::erase_if(hits_, [&](const auto& entry) {
+    return nowMs - entry.second.lastHitMs > config_.candidateWithinMs;
+  });
 }
 
 std::vector<MatchEvent> Matcher::advance(double nowMs) {
@@ -105,6 +117,7 @@ std::vector<MatchEvent> Matcher::advance(double nowMs) {
     else
       it = pairs_.erase(it);
   }
+  sweepHits(nowMs);
   return std::exchange(events_, {});
 }
 
@@ -120,7 +133,7 @@ bool Matcher::update(const PairKey& k, Pair& p, double nowMs) {
     return false;
   }
   const bool candidate = nowMs <= p.candidateUntilMs;
-  if (!p.nearby && !candidate) return nowMs - p.lastHitMs <= config_.candidateWithinMs;
+  if (!p.nearby && !candidate) return false;  // its hits are kept apart until it is again
   const bool newWords = a->second.parts != p.comparedPartsA || b->second.parts != p.comparedPartsB;
   const bool due = !p.nearby || nowMs - p.lastEvaluationMs >= config_.nearbyEvaluateEveryMs;
   if (newWords && due) {

@@ -132,10 +132,16 @@ class Matcher {
     double atMs = kNever;
     int32_t shift = 0;
   };
-  struct Pair {
-    std::array<Hit, 16> hits;  // the latest index hits, oldest overwritten
+  // The latest index hits of two clients: kept for every pair whose words
+  // met in the last candidateWithinMs, most of them by chance, so small and
+  // swept rather than visited every tick.
+  struct HitLog {
+    std::array<Hit, 16> hits;  // oldest overwritten
     size_t nextHit = 0;
     double lastHitMs = kNever;
+  };
+  // A pair the matcher compares: a candidate, or nearby.
+  struct Pair {
     double candidateUntilMs = kNever;
     uint64_t comparedPartsA = 0, comparedPartsB = 0;
     double lastEvaluationMs = kNever;
@@ -153,7 +159,8 @@ class Matcher {
   using PairKey = std::pair<ClientKey, ClientKey>;
   static PairKey key(ClientKey a, ClientKey b) { return a < b ? PairKey{a, b} : PairKey{b, a}; }
 
-  void recordHit(Pair& p, int32_t shift, double nowMs);
+  void recordHit(const PairKey& k, int32_t shift, double nowMs);
+  void sweepHits(double nowMs);
   // Returns false when the pair should be forgotten.
   bool update(const PairKey& k, Pair& p, double nowMs);
   void evaluate(const PairKey& k, Pair& p, const Client& a, const Client& b, double nowMs);
@@ -163,6 +170,8 @@ class Matcher {
   WordScores scores_;
   std::unordered_map<ClientKey, Client> clients_;
   std::unordered_map<PairKey, Pair, PairHash> pairs_;
+  std::unordered_map<PairKey, HitLog, PairHash> hits_;
+  double lastHitSweepMs_ = kNever;
   CandidateIndex index_;
   std::vector<MatchEvent> events_;
   MatcherStats stats_;

@@ -20,6 +20,9 @@ class WordTimeline {
   // Stores a word; slots more than the capacity behind the newest are forgotten.
   void put(int64_t slot, uint32_t word);
   std::optional<uint32_t> at(int64_t slot) const;
+  // Copies slots [from, from + count) into plain arrays, absent words as 0
+  // with present[i] = 0: comparisons then run over arrays, not the ring.
+  void copyRange(int64_t from, size_t count, uint32_t* words, uint8_t* present) const;
   bool empty() const { return newest_ == kNone; }
   int64_t newestSlot() const { return newest_; }
   int32_t capacity() const { return static_cast<int32_t>(slots_.size()); }
@@ -58,6 +61,9 @@ class WordScores {
   double ofDifference(uint32_t difference) const {
     return table_[static_cast<size_t>(bitCount(difference & scoredBits_))];
   }
+  // The score of k differing scored bits.
+  const double* table() const { return table_.data(); }
+  uint32_t scoredBits() const { return scoredBits_; }
 
  private:
   uint32_t scoredBits_;
@@ -89,5 +95,17 @@ Agreement chanceAgreement(const WordTimeline& a, const WordTimeline& b, int64_t 
 // tones hash to long runs of equal (often zero) words that any two quiet
 // rooms share.
 bool isInformative(const WordTimeline& t, int64_t endSlot, int32_t window);
+
+// All of the above for one pair at once (each side copied out once): the best
+// shift; when it overlaps by minOverlap, the chance agreement (minOverlap / 2);
+// when that overlaps too, whether both windows are informative.
+struct WindowAssessment {
+  Agreement agreement;
+  Agreement chance;
+  bool informative = false;
+};
+WindowAssessment assessWindow(const WordTimeline& a, const WordTimeline& b, int64_t endSlot,
+                              int32_t window, int32_t fromShift, int32_t toShift,
+                              int32_t minOverlap, const WordScores& scores);
 
 }  // namespace tellora::server
