@@ -65,6 +65,14 @@ bench: build
 	@$(BUILD_DIR)/bench/pipeline
 	@$(BUILD_DIR)/bench/discovery
 
+# Searching clients one tellora-server node serves (rounds of LOAD_CLIENTS).
+LOAD_CLIENTS ?= 200,1000,2000
+
+.PHONY: bench-load
+bench-load: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target tellora_server bench_load
+	@$(BUILD_DIR)/bench/load --clients $(LOAD_CLIENTS)
+
 clean:
 	@rm -rf $(BUILD_DIR)
 
