@@ -38,34 +38,30 @@ constexpr uint32_t kShortSamples = 16000;  // 2 s
 constexpr int32_t kRates[] = {8000, 8000, 8000,  8000, 8000,  8000,  6000,  6000,
                               5999, 0,    -8000, 5000, 16000, 16000, 44100, 8000};
 
+// Read in the order of the header above.
 struct Settings {
-  uint8_t flags = 0;
-  int32_t sr = 0;
-  int32_t P = 0;
-  uint32_t count = 0;
-  uint32_t blockSize = 0;
-  float threshold = 0;
-  uint16_t shortOffset = 0;
-  uint16_t shortLength = 0;
-  uint32_t index = 0;
-};
+  explicit Settings(FuzzInput& in) {
+    flags = in.byte();
+    const uint8_t rate = in.byte();
+    const uint16_t freeRate = in.u16();
+    // Free rates stop at 20000 Hz (4096-sample frames) to keep table builds quick.
+    sr = rate < 0xC0 ? kRates[rate % (sizeof kRates / sizeof kRates[0])] : freeRate % 20001;
+    P = in.byte() % 36 - 1;
+    count = in.u32() % ((flags & 0x10 ? kMaxSamples : kShortSamples) + 1);
+    blockSize = in.byte();
+    threshold = in.f32();
+    shortOffset = in.u16();
+    shortLength = in.u16();
+    index = in.u32();
+  }
 
-Settings readSettings(FuzzInput& in) {
-  Settings s;
-  s.flags = in.byte();
-  const uint8_t rate = in.byte();
-  const uint16_t freeRate = in.u16();
-  // Free rates stop at 20000 Hz (4096-sample frames) to keep table builds quick.
-  s.sr = rate < 0xC0 ? kRates[rate % (sizeof kRates / sizeof kRates[0])] : freeRate % 20001;
-  s.P = in.byte() % 36 - 1;
-  s.count = in.u32() % ((s.flags & 0x10 ? kMaxSamples : kShortSamples) + 1);
-  s.blockSize = in.byte();
-  s.threshold = in.f32();
-  s.shortOffset = in.u16();
-  s.shortLength = in.u16();
-  s.index = in.u32();
-  return s;
-}
+  uint8_t flags;
+  int32_t sr, P;
+  uint32_t count, blockSize;
+  float threshold;
+  uint16_t shortOffset, shortLength;
+  uint32_t index;
+};
 
 std::vector<float> readSamples(FuzzInput& in, const Settings& s) {
   const std::string_view bytes = in.rest();
@@ -203,7 +199,7 @@ void exerciseHelpers(const Settings& s, const std::vector<float>& samples) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzInput in(data, size);
-  const Settings s = readSettings(in);
+  const Settings s(in);
   const std::vector<float> samples = readSamples(in, s);
   const float* items = samples.empty() ? nullptr : samples.data();
 

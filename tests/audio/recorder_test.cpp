@@ -1,6 +1,6 @@
 // The recorder's start, retry, stop and delivery rules, over a scripted source.
 // A source that stalls, and one that keeps delivering, are run end to end in
-// tests/faults/audio_device_test.cpp and by the real capture test.
+// tests/faults/in_process_server_test.cpp and by the real capture test.
 #include "audio/recorder.h"
 
 #include <gtest/gtest.h>
@@ -26,29 +26,53 @@ using SteadyTime = std::chrono::steady_clock::time_point;
 // A backend the test steers: start results come from a script (success once
 // the script is used up), and the test delivers blocks through the sink of the
 // newest source, from whatever thread it likes.
-class FakeAudioBackend : public std::enable_shared_from_this<FakeAudioBackend> {
- public:
+struct FakeAudioBackend : std::enable_shared_from_this<FakeAudioBackend> {
   struct State {
     std::deque<TLRAudioStartResult> script;
-    std::optional<std::chrono::milliseconds> stallTimeout;
+    std::optional<milliseconds> stallTimeout;
     std::optional<TLRAudioSourceFormat> lastFormat;
     std::vector<SteadyTime> startTimes;
     TLRAudioSource::BlockSink sink;  // of the newest started source, even once stopped
-    int sourcesMade = 0;
-    int stops = 0;
+    int sourcesMade = 0, stops = 0;
     bool running = false;
   };
-
   // Reads or changes the state under the lock.
   template <class F>
   auto with(F f) {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(mutex);
     return f(state_);
   }
+  struct Source final : TLRAudioSource {
+    explicit Source(std::shared_ptr<FakeAudioBackend> b) : backend(std::move(b)) {}
+    TLRAudioStartResult start(const TLRAudioSourceFormat& format, BlockSink sink) override {
+      return backend->with([&](State& s) {
+        s.startTimes.push_back(std::chrono::steady_clock::now());
+        s.lastFormat = format;
+        if (s.script.empty()) s.script.push_back(TLRAudioStartResult::success());
+        const TLRAudioStartResult result = s.script.front();
+        s.script.pop_front();
+        if (result.ok()) {
+          s.sink = std::move(sink);
+          s.running = true;
+        }
+        return result;
+      });
+    }
+    void stop() override {
+      backend->with([](State& s) {
+        ++s.stops;
+        s.running = false;
+      });
+    }
+    std::optional<milliseconds> stallTimeout() const override {
+      return backend->with([](State& s) { return s.stallTimeout; });
+    }
+    std::shared_ptr<FakeAudioBackend> backend;
+  };
+
   State state() {
     return with([](State& s) { return s; });
   }
-
   TLRAudioSourceFactory factory() {
     return [backend = shared_from_this()] {
       backend->with([](State& s) { ++s.sourcesMade; });
@@ -62,41 +86,7 @@ class FakeAudioBackend : public std::enable_shared_from_this<FakeAudioBackend> {
     return static_cast<bool>(sink);
   }
 
- private:
-  class Source final : public TLRAudioSource {
-   public:
-    explicit Source(std::shared_ptr<FakeAudioBackend> backend) : backend_(std::move(backend)) {}
-    TLRAudioStartResult start(const TLRAudioSourceFormat& format, BlockSink sink) override {
-      return backend_->with([&](State& s) {
-        s.startTimes.push_back(std::chrono::steady_clock::now());
-        s.lastFormat = format;
-        TLRAudioStartResult result = TLRAudioStartResult::success();
-        if (!s.script.empty()) {
-          result = s.script.front();
-          s.script.pop_front();
-        }
-        if (result.ok()) {
-          s.sink = std::move(sink);
-          s.running = true;
-        }
-        return result;
-      });
-    }
-    void stop() override {
-      backend_->with([](State& s) {
-        ++s.stops;
-        s.running = false;
-      });
-    }
-    std::optional<std::chrono::milliseconds> stallTimeout() const override {
-      return backend_->with([](State& s) { return s.stallTimeout; });
-    }
-
-   private:
-    std::shared_ptr<FakeAudioBackend> backend_;
-  };
-
-  std::mutex mutex_;
+  std::mutex mutex;
   State state_;
 };
 

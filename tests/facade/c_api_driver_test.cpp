@@ -1,12 +1,8 @@
 // Runs the C host (c_api_test.c, linked against the shared library) against
 // loopback servers and checks both what it reported and what the servers saw.
-#include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
-#include "tests/facade/match_server.h"
+#include "tests/facade/facade_fixture.h"
 #include "tests/support/child_process.h"
-#include "tests/support/http_test_server.h"
 #include "tests/tools/scratch_dir.h"
 
 namespace tellora::facade_test {

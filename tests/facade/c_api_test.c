@@ -17,14 +17,14 @@
 
 #include "tellora/tellora.h"
 
-#define HOST_MAGIC 0x7e11042a
+enum { STARTED, FOUND, FOUND_NOTICES, STOPPED, STOPPED_WITH_ERROR, EVENTS };
 
-typedef struct host_state {
-  unsigned magic; /* proves the SDK hands back the very pointer it was given */
+/* Static: the SDK may still call back while the process exits. */
+static struct {
   pthread_mutex_t mutex;
-  int started, found, found_notices, stopped, stopped_with_error;
-  char found_id[64], found_payload[64], notice_id[64];
-} host_state;
+  int counts[EVENTS];
+  char found[128], notice[64];
+} state = {PTHREAD_MUTEX_INITIALIZER, {0}, "", ""};
 
 static int failures = 0;
 
@@ -36,80 +36,53 @@ static int failures = 0;
     }                                                                               \
   } while (0)
 
-static void copy_text(char* to, size_t size, const char* from) {
-  if (!from) from = "(null)";
-  strncpy(to, from, size - 1);
-  to[size - 1] = '\0';
-}
-
-/* Locks the state when `user` is the host's own pointer; NULL otherwise. */
-static host_state* lock_state(void* user) {
-  host_state* state = (host_state*)user;
-  if (!state || state->magic != HOST_MAGIC) return NULL;
-  pthread_mutex_lock(&state->mutex);
-  return state;
+/* Counts an event and keeps its text, when `user` is the very pointer the host
+ * handed to the SDK. */
+static void note(void* user, int event, const char* id, const char* payload) {
+  if (user != &state) return;
+  pthread_mutex_lock(&state.mutex);
+  ++state.counts[event];
+  if (event == FOUND) snprintf(state.found, sizeof state.found, "%s %s", id, payload);
+  if (event == FOUND_NOTICES) snprintf(state.notice, sizeof state.notice, "%s", id);
+  pthread_mutex_unlock(&state.mutex);
 }
 
 static void on_started(void* user) {
-  host_state* state = lock_state(user);
-  if (!state) return;
-  ++state->started;
-  pthread_mutex_unlock(&state->mutex);
+  note(user, STARTED, NULL, NULL);
 }
-
-static void on_found(const char* client_id, const char* payload, void* user) {
-  host_state* state = lock_state(user);
-  if (!state) return;
-  ++state->found;
-  copy_text(state->found_id, sizeof state->found_id, client_id);
-  copy_text(state->found_payload, sizeof state->found_payload, payload);
-  pthread_mutex_unlock(&state->mutex);
+static void on_found(const char* id, const char* payload, void* user) {
+  note(user, FOUND, id, payload ? payload : "(null)");
 }
-
 static void on_stopped(const tlr_error* error, void* user) {
-  host_state* state = lock_state(user);
-  if (!state) return;
-  ++state->stopped;
-  if (error) ++state->stopped_with_error;
-  pthread_mutex_unlock(&state->mutex);
+  note(user, error ? STOPPED_WITH_ERROR : STOPPED, NULL, NULL);
 }
-
 static void on_found_notice(const tlr_notification* notification, void* user) {
-  host_state* state = lock_state(user);
-  if (!state) return;
-  if (strcmp(notification->name, "TelloraClientFoundNotification") == 0) {
-    ++state->found_notices;
-    copy_text(state->notice_id, sizeof state->notice_id, notification->client_id);
-  }
-  pthread_mutex_unlock(&state->mutex);
+  if (strcmp(notification->name, "TelloraClientFoundNotification") == 0)
+    note(user, FOUND_NOTICES, notification->client_id ? notification->client_id : "(null)", NULL);
 }
-
 static void on_each_nearby(const char* client_id, const char* payload, void* user) {
   (void)payload;
-  copy_text((char*)user, 64, client_id);
+  snprintf((char*)user, 64, "%s", client_id);
 }
 
-/* Reads one counter under the lock. */
-static int read_counter(host_state* state, const int* counter) {
+static int count(int event) {
   int value;
-  pthread_mutex_lock(&state->mutex);
-  value = *counter;
-  pthread_mutex_unlock(&state->mutex);
+  pthread_mutex_lock(&state.mutex);
+  value = state.counts[event];
+  pthread_mutex_unlock(&state.mutex);
   return value;
 }
 
-/* Waits up to five seconds for a counter to reach `at_least`. */
-static int wait_for(host_state* state, const int* counter, int at_least) {
+/* Waits up to five seconds for an event to have come `at_least` times. */
+static int wait_for(int event, int at_least) {
   const struct timespec pause = {0, 5 * 1000 * 1000};
   int round;
-  for (round = 0; round < 1000 && read_counter(state, counter) < at_least; ++round)
+  for (round = 0; round < 1000 && count(event) < at_least; ++round)
     nanosleep(&pause, NULL);
-  return read_counter(state, counter) >= at_least;
+  return count(event) >= at_least;
 }
 
 int main(int argc, char** argv) {
-  /* Static: the SDK may still call back while the process exits. */
-  static host_state state;
   tlr_configuration configuration;
   char listed_id[64] = "";
   uint64_t observer;
@@ -121,10 +94,6 @@ int main(int argc, char** argv) {
 
   /* The exported constants link from C. */
   CHECK(TelloraVersionNumber > 0 && TelloraVersionString[0] && UDClientID[0] && UDClientSecret[0]);
-
-  memset(&state, 0, sizeof state);
-  state.magic = HOST_MAGIC;
-  pthread_mutex_init(&state.mutex, NULL);
 
   tlr_set_host_application("com.example.c-host", "2.0");
   observer = tlr_add_observer("TelloraClientFoundNotification", on_found_notice, &state);
@@ -140,16 +109,11 @@ int main(int argc, char** argv) {
 
   tlr_start_searching("c-payload", on_started, on_found, NULL, on_stopped, &state);
   CHECK(tlr_is_searching() == 1);
-  CHECK(wait_for(&state, &state.started, 1));
-  CHECK(wait_for(&state, &state.found, 1));
-  CHECK(wait_for(&state, &state.found_notices, 1));
-
+  CHECK(wait_for(STARTED, 1) && wait_for(FOUND, 1) && wait_for(FOUND_NOTICES, 1));
+  CHECK(count(FOUND) == 1 && count(FOUND_NOTICES) == 1);
   pthread_mutex_lock(&state.mutex);
-  CHECK(state.found == 1);
-  CHECK(strcmp(state.found_id, "peer-1") == 0);
-  CHECK(strcmp(state.found_payload, "hello from peer") == 0);
-  CHECK(state.found_notices == 1);
-  CHECK(strcmp(state.notice_id, "peer-1") == 0);
+  CHECK(strcmp(state.found, "peer-1 hello from peer") == 0);
+  CHECK(strcmp(state.notice, "peer-1") == 0);
   pthread_mutex_unlock(&state.mutex);
 
   CHECK(tlr_nearby_clients(on_each_nearby, listed_id) == 1);
@@ -158,8 +122,7 @@ int main(int argc, char** argv) {
   /* The stop is queued; the query after it waits for it. */
   tlr_stop_search();
   CHECK(tlr_is_searching() == 0);
-  CHECK(read_counter(&state, &state.stopped) == 1);
-  CHECK(read_counter(&state, &state.stopped_with_error) == 0);
+  CHECK(count(STOPPED) == 1 && count(STOPPED_WITH_ERROR) == 0);
 
   tlr_remove_observer(observer);
   tlr_disconnect();

@@ -2,12 +2,96 @@
 
 #include <algorithm>
 
-#include "registration/device_info.h"
-#include "runtime/user_defaults.h"
 #include "tests/tools/test_audio.h"
-#include "transport/transport.h"
 
 namespace tellora::facade_test {
+
+namespace {
+
+double localMilliseconds() {
+  using namespace std::chrono;
+  return duration<double, std::milli>(system_clock::now().time_since_epoch()).count();
+}
+
+nlohmann::json parse(const std::string& text) {
+  return nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+}
+
+}  // namespace
+
+MatchServer::MatchServer() {
+  server_.setHandler([script = script_](const testing::WsFrame& frame) {
+    std::vector<testing::WsReply> replies;
+    const nlohmann::json request = parse(frame.payload);
+    if (!request.is_object() || !request.contains("id")) return replies;
+    nlohmann::json reply = {{"requestId", request["id"]}};
+    std::lock_guard lock(script->mutex);
+    switch (request.value("type", -1)) {
+      case 2:
+        reply["data"] = {{"nearby", script->nearby}};
+        replies.push_back({reply.dump()});
+        for (const auto& push : script->pushesAfterNearby) {
+          replies.push_back({push, std::chrono::milliseconds(20)});
+        }
+        return replies;
+      case 3:
+        reply["data"] = {{"time", localMilliseconds() + script->clockOffset}};
+        break;
+      default:
+        break;
+    }
+    replies.push_back({reply.dump()});
+    return replies;
+  });
+}
+
+void MatchServer::setClockOffset(double milliseconds) {
+  std::lock_guard lock(script_->mutex);
+  script_->clockOffset = milliseconds;
+}
+
+void MatchServer::setNearby(nlohmann::json nearby) {
+  std::lock_guard lock(script_->mutex);
+  script_->nearby = std::move(nearby);
+}
+
+void MatchServer::pushAfterNearbyRequest(std::vector<std::string> pushes) {
+  std::lock_guard lock(script_->mutex);
+  script_->pushesAfterNearby = std::move(pushes);
+}
+
+std::vector<nlohmann::json> MatchServer::requests() const {
+  std::vector<nlohmann::json> parsed;
+  for (const auto& frame : server_.log().frames)
+    parsed.push_back(parse(frame.payload));
+  return parsed;
+}
+
+std::vector<nlohmann::json> MatchServer::requestsOfType(int type) const {
+  std::vector<nlohmann::json> matching;
+  for (auto& request : requests()) {
+    if (request.is_object() && request.value("type", -1) == type) matching.push_back(request);
+  }
+  return matching;
+}
+
+bool MatchServer::waitForRequestsOfType(int type, std::size_t count,
+                                        std::chrono::milliseconds timeout) const {
+  return testing::waitUntil([&] { return requestsOfType(type).size() >= count; }, timeout);
+}
+
+std::string MatchServer::foundPush(const std::string& clientID, const nlohmann::json& payload) {
+  return nlohmann::json{{"type", 102}, {"data", {{"clientId", clientID}, {"payload", payload}}}}
+      .dump();
+}
+
+void MatchServer::pushFound(const std::string& clientID, const nlohmann::json& payload) {
+  server_.pushText(foundPush(clientID, payload));
+}
+
+void MatchServer::pushLost(const std::string& clientID) {
+  server_.pushText(nlohmann::json{{"type", 103}, {"data", {{"clientId", clientID}}}}.dump());
+}
 
 std::vector<HostEvent> HostEvents::named(const std::string& name) const {
   std::vector<HostEvent> matching;
@@ -23,16 +107,7 @@ int HostEvents::indexOf(const std::string& name) const {
   return it == all.end() ? -1 : static_cast<int>(it - all.begin());
 }
 
-std::vector<std::string> HostEvents::clientIDs(const std::string& name) const {
-  std::vector<std::string> ids;
-  for (const auto& event : named(name))
-    ids.push_back(event.client->clientID());
-  return ids;
-}
-
 void FacadeTest::SetUp() {
-  setHostAppIdentifier(kHostIdentifier);
-  setHostAppVersion(kHostVersion);
   // The server's clock runs a second ahead of ours.
   match_.setClockOffset(1000);
 
@@ -52,13 +127,9 @@ void FacadeTest::SetUp() {
         }));
   }
 
-  registrar_.setHandler([](const testing::HttpRequestRecord& request) {
-    if (request.target != "/register") return testing::HttpReply::json(404, "{}");
-    return testing::HttpReply::json(
-        200,
-        nlohmann::json{{"clientId", kClientID}, {"clientSecret", kClientSecret}, {"ignored", 1}}
-            .dump());
-  });
+  registrar_.setReply(testing::HttpReply::json(
+      200, nlohmann::json{{"clientId", kClientID}, {"clientSecret", kClientSecret}, {"ignored", 1}}
+               .dump()));
 }
 
 void FacadeTest::TearDown() {
@@ -156,12 +227,6 @@ void FacadeTest::feedAudio(double seconds, double firstItemTicks) {
     ASSERT_TRUE(audio_->push(items.data() + at, kBlock, firstItemTicks + at * 1e9 / 8000))
         << "item " << at << " dropped: the recorder is not running";
   }
-}
-
-void FacadeTest::storeIdentity(const std::optional<std::string>& id,
-                               const std::optional<std::string>& secret) {
-  UserDefaults::standard().setString(UDClientID, id);
-  UserDefaults::standard().setString(UDClientSecret, secret);
 }
 
 }  // namespace tellora::facade_test

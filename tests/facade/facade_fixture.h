@@ -1,13 +1,17 @@
-// A fresh facade per test against real loopback servers: registration over
-// HTTP, the matching protocol over WebSocket, audio pushed by the test, a
-// user-defaults file of its own, and everything the host would see (callbacks,
-// notifications, log lines) recorded for the test thread.
+// The facade's tests run against real loopback servers: registration over
+// HTTP, the matching protocol over WebSocket (MatchServer), audio pushed by the
+// test. FacadeTest gives each test a fresh facade, a user-defaults file of its
+// own, and everything the host would see (callbacks, notifications, log lines)
+// recorded for the test thread.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -17,14 +21,57 @@
 #include "runtime/event_loop.h"
 #include "tellora/host_fed_audio.h"
 #include "tellora/notifications.h"
-#include "tests/facade/match_server.h"
 #include "tests/runtime/runtime_sandbox.h"
 #include "tests/support/http_test_server.h"
+#include "tests/support/ws_test_server.h"
 
 namespace tellora::facade_test {
 
 using namespace std::chrono_literals;
 using testing::waitUntil;
+
+// A loopback matching server speaking the SDK's WebSocket protocol: it answers
+// every request by its "id", reads its clock with a chosen offset from the
+// local one, hands out a scripted nearby list, and pushes found/lost on demand.
+class MatchServer {
+ public:
+  MatchServer();
+  MatchServer(const MatchServer&) = delete;
+  MatchServer& operator=(const MatchServer&) = delete;
+
+  testing::WsTestServer& ws() { return server_; }
+  std::string url() const { return server_.url("/ws"); }
+
+  // The server's clock = the local wall clock + this (ms).
+  void setClockOffset(double milliseconds);
+  // The "nearby" list of every get-all-nearby reply.
+  void setNearby(nlohmann::json nearby);
+  // Pushed (after the reply) whenever a get-all-nearby request comes in.
+  void pushAfterNearbyRequest(std::vector<std::string> pushes);
+
+  // Every request the clients sent, parsed, in arrival order (unparseable
+  // frames as null).
+  std::vector<nlohmann::json> requests() const;
+  std::vector<nlohmann::json> requestsOfType(int type) const;
+  bool waitForRequestsOfType(int type, std::size_t count,
+                             std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
+
+  void pushFound(const std::string& clientID, const nlohmann::json& payload);
+  void pushLost(const std::string& clientID);
+
+  static std::string foundPush(const std::string& clientID, const nlohmann::json& payload);
+
+ private:
+  struct Script {
+    std::mutex mutex;
+    double clockOffset = 0;
+    nlohmann::json nearby = nlohmann::json::array();
+    std::vector<std::string> pushesAfterNearby;
+  };
+
+  std::shared_ptr<Script> script_ = std::make_shared<Script>();
+  testing::WsTestServer server_;
+};
 
 // One thing the host saw: a callback ("started", "found", "lost", "stopped")
 // or a notification (by its name).
@@ -42,16 +89,12 @@ class HostEvents : public testing::Recorded<HostEvent> {
   size_t countOf(const std::string& name) const { return named(name).size(); }
   // The position of the first such event; -1 when absent.
   int indexOf(const std::string& name) const;
-  // The ids of the clients of "found" (or "lost") callbacks.
-  std::vector<std::string> clientIDs(const std::string& name) const;
 };
 
 class FacadeTest : public ::testing::Test {
  protected:
   static constexpr const char* kClientID = "client-7";
   static constexpr const char* kClientSecret = "secret-7";
-  static constexpr const char* kHostIdentifier = "com.example.facade-host";
-  static constexpr const char* kHostVersion = "3.1.4";
 
   void SetUp() override;
   void TearDown() override;
@@ -85,9 +128,6 @@ class FacadeTest : public ::testing::Test {
   // Pushes `seconds` (whole tenths) of a test sound in 100 ms blocks whose first item is
   // stamped `firstItemTicks` and the rest follow without gaps.
   void feedAudio(double seconds, double firstItemTicks);
-  // Stores an identity in the user-defaults file, as an earlier launch would.
-  void storeIdentity(const std::optional<std::string>& id,
-                     const std::optional<std::string>& secret);
   std::string defaultsFile() const { return sandbox_.folder.file("defaults.json"); }
 
   testing::RuntimeSandbox sandbox_;

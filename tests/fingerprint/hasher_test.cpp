@@ -326,44 +326,42 @@ TEST_F(HasherTest, FullScaleItemsReachTheHashAsPlusAndMinusOne) {
   EXPECT_EQ(received[0].fingerprint, expected);
 }
 
-TEST_F(HasherTest, PartsCutBeforeTheHasherIsDestroyedStillArrive) {
-  makeHasher();
-  HashQueueGate gate;
-  feedNext(std::span(stream_).first(kThreeParts));
-  std::weak_ptr<TLRHasher> gone = hasher_;
-  onLoop([this] {
-    hasher_.reset();
-    recorder_.reset();
-  });
-  EXPECT_TRUE(gone.expired());
-  gate.open();
-  EXPECT_EQ(parts().size(), 3u);
-}
+// What happens on the loop while three cut parts wait in the hash queue.
+enum class WhileInFlight { hasherDestroyed, delegateDestroyed, delegateReplaced };
 
-TEST_F(HasherTest, ADelegateDestroyedWhilePartsAreInFlightIsNotCalled) {
+class PartsInFlightTest : public HasherTest, public ::testing::WithParamInterface<WhileInFlight> {};
+
+TEST_P(PartsInFlightTest, GoToTheDelegateSetWhenTheyArriveIfItStillLives) {
   makeHasher();
   const auto calls = delegate_->calls;
+  const auto newer = std::make_shared<CollectingDelegate>();
   HashQueueGate gate;
   feedNext(std::span(stream_).first(kThreeParts));
-  onLoop([this] {
+  const std::weak_ptr<TLRHasher> hasher = hasher_;
+  onLoop([&] {
+    if (GetParam() == WhileInFlight::delegateReplaced) return hasher_->setDelegate(newer);
     hasher_.reset();
+    if (GetParam() == WhileInFlight::hasherDestroyed) return recorder_.reset();
     delegate_.reset();
   });
+  EXPECT_EQ(hasher.expired(), GetParam() != WhileInFlight::delegateReplaced);
   gate.open();
   waitForDeliveries();
-  EXPECT_EQ(calls->load(), 0);
+  EXPECT_EQ(calls->load(), GetParam() == WhileInFlight::hasherDestroyed ? 3 : 0);
+  EXPECT_EQ(onLoop([&] { return newer->parts.size(); }),
+            GetParam() == WhileInFlight::delegateReplaced ? 3u : 0u);
 }
 
-TEST_F(HasherTest, PartsInFlightGoToTheDelegateSetWhenTheyArrive) {
-  makeHasher();
-  HashQueueGate gate;
-  feedNext(std::span(stream_).first(kThreeParts));
-  const auto newer = std::make_shared<CollectingDelegate>();
-  onLoop([&] { hasher_->setDelegate(newer); });
-  gate.open();
-  EXPECT_TRUE(parts().empty());
-  EXPECT_EQ(onLoop([&] { return newer->parts.size(); }), 3u);
+std::string caseName(const ::testing::TestParamInfo<WhileInFlight>& info) {
+  const char* names[] = {"HasherDestroyed", "DelegateDestroyed", "DelegateReplaced"};
+  return names[static_cast<int>(info.param)];
 }
+
+INSTANTIATE_TEST_SUITE_P(Cases, PartsInFlightTest,
+                         ::testing::Values(WhileInFlight::hasherDestroyed,
+                                           WhileInFlight::delegateDestroyed,
+                                           WhileInFlight::delegateReplaced),
+                         caseName);
 
 class AutonomousBufferTest : public HasherTest {
  protected:

@@ -1,6 +1,6 @@
 // The delay check. The whole stalled-link story (overdue warning holding the
 // restart back, restarts, the give-up with 103) runs end to end in
-// tests/faults/slow_link_test.cpp; these are the rules it cannot reach.
+// tests/faults/in_process_server_test.cpp; these are the rules it cannot reach.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -37,37 +37,96 @@ struct RecordingDelegate : TLRMessageServiceDelegate {
 };
 
 // A reply to `request`: {"requestId": <its id>} merged with `extra`.
-WsReply replyTo(const nlohmann::json& request, nlohmann::json extra = nlohmann::json::object(),
-                std::chrono::milliseconds delay = 0ms);
+inline WsReply replyTo(const nlohmann::json& request,
+                       nlohmann::json extra = nlohmann::json::object(),
+                       std::chrono::milliseconds delay = 0ms) {
+  extra["requestId"] = request.value("id", int64_t{-1});
+  return WsReply{extra.dump(), delay};
+}
 
 class MessageServiceTest : public ::testing::Test {
  protected:
   using Script = std::function<std::vector<WsReply>(const nlohmann::json& request)>;
 
-  void SetUp() override;
-  void TearDown() override;
-
-  // Server side: answer every request with what `script` returns.
-  void answerWith(Script script);
-  // The service for the server's URL. The delay check is effectively off
-  // unless a test asks for an interval.
-  void createService(Duration checkInterval = std::chrono::hours(1));
-  // Opens with recording callbacks and waits for the first open.
-  void openAndWait();
-  // All three; by default every request is answered at once.
-  void connect(Script script = {}, Duration checkInterval = std::chrono::hours(1));
-  // Sends set-mode and waits for its reply.
-  void roundTrip(int64_t mode = 3);
-
   template <class F>
   static auto onLoop(F&& f) {
     return EventLoop::main().call(std::forward<F>(f));
   }
+
+  void SetUp() override {
+    speedObserver_ = TLRNotificationCenter::defaultCenter().addObserver(
+        kTLRNetworkSpeedStatusChanged, [statuses = speedStatuses_](const TLRNotification& n) {
+          auto found = n.userInfo.find(kTLRSpeedStatusKey);
+          const auto* status =
+              found == n.userInfo.end() ? nullptr : std::get_if<std::string>(&found->second);
+          statuses->add(status ? *status : "<missing>");
+        });
+  }
+  void TearDown() override {
+    if (service_) {
+      onLoop([this] {
+        service_->setConnectionOpenedCallback({});
+        service_->setConnectionClosedCallback({});
+        service_->closeConnection();
+        service_.reset();
+      });
+    }
+    // Lets posted releases and notifications run before the observer goes.
+    EventLoop::main().drain();
+    EventLoop::main().drain();
+    TLRNotificationCenter::defaultCenter().removeObserver(speedObserver_);
+  }
+
+  // Server side: answer every request with what `script` returns (by default
+  // an empty reply at once).
+  void answerWith(Script script) {
+    server_.setHandler([script = std::move(script)](const WsFrame& frame) {
+      nlohmann::json request = nlohmann::json::parse(frame.payload, nullptr, false);
+      if (!request.is_object()) return std::vector<WsReply>{};
+      return script ? script(request) : std::vector<WsReply>{replyTo(request)};
+    });
+  }
+  // The service for the server's URL. The delay check is effectively off
+  // unless a test asks for an interval.
+  void createService(Duration checkInterval = std::chrono::hours(1)) {
+    service_ = onLoop([&] {
+      auto service = TLRMessageService::create(server_.url(), "client-1", "secret-1");
+      service->setCheckInterval(checkInterval);
+      service->setDelegate(delegate_);
+      return service;
+    });
+  }
+  // Opens with recording callbacks and waits for the first open.
+  void openAndWait() {
+    onLoop([&] {
+      service_->openConnectionWithOpenedCallback(
+          [opened = opened_] { ++*opened; },
+          [closed = closed_](const std::optional<TLRError>& error) { closed->add(error); });
+    });
+    ASSERT_TRUE(waitUntil([&] { return *opened_ == 1; }));
+  }
+  void connect(Script script = {}, Duration checkInterval = std::chrono::hours(1)) {
+    answerWith(std::move(script));
+    createService(checkInterval);
+    openAndWait();
+  }
+  // Sends set-mode and waits for its reply.
+  void roundTrip(int64_t mode = 3) {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    onLoop([&] { service_->establishClientMode(mode, [done] { *done = true; }); });
+    ASSERT_TRUE(waitUntil([&] { return done->load(); }));
+  }
+
   uint64_t allMessages() {
     return onLoop([&] { return service_->allMessagesCount(); });
   }
   // The requests the server received, parsed, in arrival order.
-  std::vector<nlohmann::json> receivedRequests() const;
+  std::vector<nlohmann::json> receivedRequests() const {
+    std::vector<nlohmann::json> requests;
+    for (const auto& frame : server_.log().frames)
+      requests.push_back(nlohmann::json::parse(frame.payload, nullptr, false));
+    return requests;
+  }
 
   RuntimeSandbox sandbox_;
   WsTestServer server_;

@@ -16,30 +16,16 @@ namespace {
 
 // --- The live values -----------------------------------------------------------------
 
-class CurrentDeviceInfoTest : public ::testing::Test {
- protected:
-  void TearDown() override {
-    setHostAppIdentifier("");
-    setHostAppVersion("unknown");
-  }
-};
-
-TEST_F(CurrentDeviceInfoTest, EveryValueIsANonEmptyString) {
-  const TLRDeviceInfo info = TLRDeviceInfo::currentDeviceInfo();
-  const nlohmann::json dictionary = info.dictionary();
-  ASSERT_EQ(dictionary.size(), 6u);
-  for (const auto& [key, value] : dictionary.items()) {
-    ASSERT_TRUE(value.is_string()) << key;
-    EXPECT_FALSE(value.get<std::string>().empty()) << key;
-  }
-}
-
-TEST_F(CurrentDeviceInfoTest, HostSettingsNameTheApplicationUntilClearedAgain) {
+TEST(CurrentDeviceInfoTest, EveryValueIsANonEmptyStringAndHostSettingsNameTheApplication) {
   setHostAppIdentifier("com.example.host");
   setHostAppVersion("3.1");
   const TLRDeviceInfo info = TLRDeviceInfo::currentDeviceInfo();
   EXPECT_EQ(info.bundleID(), "com.example.host");
   EXPECT_EQ(info.appVersion(), "3.1");
+  const nlohmann::json dictionary = info.dictionary();
+  ASSERT_EQ(dictionary.size(), 6u);
+  for (const auto& [key, value] : dictionary.items())
+    EXPECT_TRUE(value.is_string() && !value.get<std::string>().empty()) << key;
 
   // Cleared: the program's own name, and no version.
   setHostAppIdentifier("");
@@ -79,7 +65,7 @@ TEST(PreferredLanguageTest, FromTheLocaleVariables) {
 
 // --- Operating system ----------------------------------------------------------------
 
-TEST(OsReleaseTest, QuotedEscapedAndBareValues) {
+TEST(OsReleaseTest, QuotedEscapedAndBareValuesThenUnameThenFixedNames) {
   const auto values = parseOsRelease(
       "# comment\n"
       "NAME=\"Debian GNU/Linux\"\n"
@@ -98,9 +84,8 @@ TEST(OsReleaseTest, QuotedEscapedAndBareValues) {
   EXPECT_EQ(values.at("EMPTY"), "");
   EXPECT_EQ(values.at("UNTERMINATED"), "open");
   EXPECT_EQ(values.size(), 6u);
-}
 
-TEST(OsReleaseTest, OperatingSystemFallsBackToUnameThenFixedNames) {
+  // The operating system falls back to uname, then to fixed names.
   const auto full =
       describeOperatingSystem({{"NAME", "Fedora Linux"}, {"VERSION_ID", "40"}}, "Linux", "6.8.0");
   EXPECT_EQ(full.name, "Fedora Linux");
@@ -118,7 +103,7 @@ TEST(OsReleaseTest, OperatingSystemFallsBackToUnameThenFixedNames) {
 
 // --- Hardware --------------------------------------------------------------------------
 
-TEST(HardwareNameTest, RealFamilyNameWinsOverPlaceholdersAndFallbacks) {
+TEST(HardwareNameTest, RealFamilyNameWinsOverPlaceholdersAndLongOnesAreCutOnACharacter) {
   EXPECT_EQ(hardwareName(std::string("ThinkPad X1 Carbon 7th\n"), std::nullopt),
             "ThinkPad X1 Carbon 7th");
   EXPECT_EQ(hardwareName(std::string("To Be Filled By O.E.M."),
@@ -127,9 +112,7 @@ TEST(HardwareNameTest, RealFamilyNameWinsOverPlaceholdersAndFallbacks) {
   EXPECT_EQ(hardwareName(std::string("Default string"), std::string("")), "Linux PC");
   EXPECT_EQ(hardwareName(std::nullopt, std::nullopt), "Linux PC");
   EXPECT_EQ(hardwareName(std::string("\x01\x02 \t"), std::nullopt), "Linux PC");
-}
 
-TEST(HardwareNameTest, LongNamesAreCutOnACharacterBoundary) {
   // 40 two-byte characters: 80 bytes, cut to at most 64 without a split character.
   std::string name;
   for (int i = 0; i < 40; ++i)

@@ -21,13 +21,8 @@ class LogTest : public ::testing::Test {
   testing::RuntimeSandbox sandbox_;
 };
 
-TEST_F(LogTest, LogfFormatsOneLineIntoTheSink) {
+TEST_F(LogTest, LogfFormatsOneLineAndDebugfFollowsTheSwitchAtEveryCallAndFromTheFile) {
   logf("Tellora: %s %d", "reconnect", 3);
-  logLine("plain");
-  EXPECT_EQ(sandbox_.logLines(), (Lines{"Tellora: reconnect 3", "plain"}));
-}
-
-TEST_F(LogTest, DebugfFollowsTheDebugSwitchAtEveryCallAndReadsItFromTheFile) {
   debugf("hidden %d", 1);
   sandbox_.setDebug(true);
   debugf("shown %d", 2);
@@ -38,7 +33,7 @@ TEST_F(LogTest, DebugfFollowsTheDebugSwitchAtEveryCallAndReadsItFromTheFile) {
   UserDefaults(stored).setBool("debug", true);
   UserDefaults::setStandardPath(stored);
   debugf("from the file");
-  EXPECT_EQ(sandbox_.logLines(), (Lines{"shown 2", "from the file"}));
+  EXPECT_EQ(sandbox_.logLines(), (Lines{"Tellora: reconnect 3", "shown 2", "from the file"}));
 }
 
 TEST_F(LogTest, SinkCallsNeverOverlap) {

@@ -1,11 +1,18 @@
+// The notification center, and the value types its notifications carry:
+// client identity and errors. The system clock is held to real time by the
+// facade's fingerprint test (its offset from the loopback server's clock).
 #include "tellora/notifications.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tellora/client.h"
+#include "tellora/error.h"
 
 namespace tellora {
 namespace {
@@ -97,6 +104,40 @@ TEST_F(NotificationCenterTest, ConcurrentPostsAndObserverChangesFromThreads) {
   stop = true;
   churner.join();
   EXPECT_EQ(delivered.load(), kPosters * kPostsEach);
+}
+
+TEST(TLRClientTest, EqualityIsIdentityOfTheIdInstance) {
+  const auto id = std::make_shared<const std::string>("client-7");
+  const TLRClient reported(id, "hello");
+  EXPECT_EQ(reported, TLRClient(id, std::nullopt));  // payload plays no part
+
+  const TLRClient fromEqualCharacters(std::make_shared<const std::string>("client-7"), "hello");
+  const TLRClient fromPlainString(std::string("client-7"), "hello");
+  EXPECT_FALSE(reported == fromEqualCharacters);
+  EXPECT_FALSE(fromPlainString == TLRClient(std::string("client-7"), "hello"));
+  EXPECT_EQ(fromEqualCharacters.clientID(), reported.clientID());
+
+  // Without an id instance: an empty id, equal to nothing.
+  const TLRClient nameless(std::shared_ptr<const std::string>(), "p");
+  EXPECT_EQ(nameless.clientID(), "");
+  EXPECT_FALSE(nameless == TLRClient(std::shared_ptr<const std::string>(), "p"));
+}
+
+TEST(TLRErrorTest, DescriptionNamesTheSdkDomainAndEveryKindOfValue) {
+  EXPECT_EQ(TLRError::make(101, {{"message", std::string("Microphone is disabled")}}).description(),
+            "Error Domain=com.tellora.quillmark.ErrorDomain Code=101 "
+            "UserInfo={message=Microphone is disabled}");
+  EXPECT_EQ(TLRError::make(3002).description(),
+            "Error Domain=com.tellora.quillmark.ErrorDomain Code=3002");
+  EXPECT_EQ((TLRError{"other", -1, {}}.description()), "Error Domain=other Code=-1");
+  const auto error = TLRError::make(801, {{"b", true},
+                                          {"d", 0.5},
+                                          {"i", int64_t{-42}},
+                                          {"n", std::monostate{}},
+                                          {"s", std::string("x")}});
+  EXPECT_EQ(error.description(),
+            "Error Domain=com.tellora.quillmark.ErrorDomain Code=801 "
+            "UserInfo={b=1, d=0.5, i=-42, n=(null), s=x}");
 }
 
 }  // namespace

@@ -107,33 +107,26 @@ TEST_F(ServerTest, IgnoresMalformedFramesAndAnswersEveryRequestTypeInText) {
   EXPECT_FALSE(client->receive(200ms));  // nothing was answered but the requests
 }
 
-TEST_F(ServerTest, BrokenOrOversizedFramesEndTheSessionAsTheWebSocketProtocolRequires) {
-  auto notUtf8 = session(), tooBig = session();
-  ASSERT_TRUE(notUtf8 && tooBig);
-  notUtf8->send("\xff\xfe", true);
-  tooBig->send(std::string((1 << 20) + 1, ' '));
-  EXPECT_EQ(notUtf8->awaitClose(), 1007);  // invalid frame payload data
-  EXPECT_EQ(tooBig->awaitClose(), 1009);   // message too big
-}
-
-TEST_F(ServerTest, ANewerConnectionOfTheSameClientClosesTheOlderWith3001) {
+// 1007 for text that is not UTF-8 and 1009 beyond 1 MiB, as the WebSocket
+// protocol requires; 3001 to a session replaced by a newer one of the same
+// client; 3002 to every session when the server stops.
+TEST_F(ServerTest, SessionsEndWithTheCloseCodeOfTheirCause) {
   const auto identity = registered();
   auto older = WsClient::open(endpoint_, identity);
-  ASSERT_TRUE(older && older->request(0, 1, json{{"mode", 3}}));
+  auto notUtf8 = session(), tooBig = session(), other = session();
+  ASSERT_TRUE(older && notUtf8 && tooBig && other && older->request(0, 1, json{{"mode", 3}}));
+  notUtf8->send("\xff\xfe", true);
+  tooBig->send(std::string((1 << 20) + 1, ' '));
+  EXPECT_EQ(notUtf8->awaitClose(), 1007);
+  EXPECT_EQ(tooBig->awaitClose(), 1009);
   auto newer = WsClient::open(endpoint_, identity);
-  auto other = session();
-  ASSERT_TRUE(newer && other);
+  ASSERT_TRUE(newer);
   EXPECT_EQ(older->awaitClose(), kCloseReplaced);
   EXPECT_TRUE(newer->request(3, 2));
   EXPECT_TRUE(other->request(3, 3));
-}
-
-TEST_F(ServerTest, StoppingClosesEverySessionWith3002) {
-  auto a = session(), b = session();
-  ASSERT_TRUE(a && b);
   std::thread stopper([this] { server_->stop(); });
-  EXPECT_EQ(a->awaitClose(), kCloseShuttingDown);
-  EXPECT_EQ(b->awaitClose(), kCloseShuttingDown);
+  EXPECT_EQ(newer->awaitClose(), kCloseShuttingDown);
+  EXPECT_EQ(other->awaitClose(), kCloseShuttingDown);
   stopper.join();
   EXPECT_EQ(httpRequest(endpoint_, "POST", "/register", "{}").status, 0u);
 }

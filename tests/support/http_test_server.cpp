@@ -162,9 +162,8 @@ HttpReply HttpReply::rawBytes(std::string bytes) {
   return reply;
 }
 
-HttpTestServer::HttpTestServer(Security security,
-                               std::shared_ptr<const TestCertificates> certificates)
-    : LoggingLoopbackServer(security, std::move(certificates)) {
+HttpTestServer::HttpTestServer(std::shared_ptr<const TestCertificates> certificates)
+    : LoggingLoopbackServer(std::move(certificates)) {
   listener_ = std::make_unique<LoopbackListener>(
       certificates_, [state = HttpState{log_, handler_}](LoopbackListener& listener, uint64_t id,
                                                          tcp::socket socket) {

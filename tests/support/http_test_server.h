@@ -9,7 +9,7 @@
 //     return HttpReply::json(200, R"({"clientId":"a","clientSecret":"b"})");
 //   });
 //   ... POST to server.url("/register") ...
-//   ASSERT_TRUE(server.waitForRequests(1));
+//   ASSERT_TRUE(server.waitFor([](const auto& log) { return log.requests.size() == 1; }));
 //   EXPECT_EQ(server.requests()[0].header("Content-Type"), "application/json");
 #pragma once
 
@@ -60,8 +60,7 @@ class HttpTestServer : public LoggingLoopbackServer<HttpServerLog> {
   using RequestHandler = std::function<HttpReply(const HttpRequestRecord&)>;
 
   // Starts listening at once.
-  explicit HttpTestServer(Security security = Security::Plain,
-                          std::shared_ptr<const TestCertificates> certificates = nullptr);
+  explicit HttpTestServer(std::shared_ptr<const TestCertificates> certificates = nullptr);
   ~HttpTestServer();
 
   // "http://127.0.0.1:<port><path>" or "https://...".
@@ -75,10 +74,6 @@ class HttpTestServer : public LoggingLoopbackServer<HttpServerLog> {
   void setReply(HttpReply reply);
 
   std::vector<HttpRequestRecord> requests() const { return log().requests; }
-  bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout = kDefaultWait) const {
-    return waitFor([count](const HttpServerLog& log) { return log.requests.size() >= count; },
-                   timeout);
-  }
 
  private:
   std::shared_ptr<Watched<RequestHandler>> handler_ = std::make_shared<Watched<RequestHandler>>();

@@ -20,11 +20,9 @@ std::size_t RecordedRequest::headerCount(std::string_view name) const {
       headers.begin(), headers.end(), [&](const auto& f) { return iequals(f.first, name); }));
 }
 
-LoopbackServer::LoopbackServer(Security security,
-                               std::shared_ptr<const TestCertificates> certificates)
-    : certificates_(security == Security::Plain ? nullptr
-                    : certificates              ? std::move(certificates)
-                                                : TestCertificates::create()) {}
+// Out of line: the listener's type is complete only here.
+LoopbackServer::LoopbackServer(std::shared_ptr<const TestCertificates> certificates)
+    : certificates_(std::move(certificates)) {}
 
 LoopbackServer::~LoopbackServer() = default;
 

@@ -43,8 +43,6 @@ struct RecordedRequest {
 
 class LoopbackServer {
  public:
-  enum class Security { Plain, Tls };
-
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
 
@@ -59,9 +57,9 @@ class LoopbackServer {
   void start();
 
  protected:
-  // Tls without certificates generates a fresh set. The subclass starts the
-  // listener once its own state exists.
-  LoopbackServer(Security security, std::shared_ptr<const TestCertificates> certificates);
+  // TLS with these certificates when given, plain otherwise. The subclass
+  // starts the listener once its own state exists.
+  explicit LoopbackServer(std::shared_ptr<const TestCertificates> certificates);
   ~LoopbackServer();
   // "<scheme>://<host>:<port><path>", the scheme gaining an "s" under TLS.
   // Pass host "localhost" to test name-based certificate checks.

@@ -145,8 +145,4 @@ std::size_t TcpProxy::acceptedConnections() const {
   return listener_->call([this] { return state_->accepted; });
 }
 
-std::size_t TcpProxy::openConnections() const {
-  return listener_->call([this] { return listener_->connections<Link>().size(); });
-}
-
 }  // namespace tellora::testing

@@ -36,9 +36,8 @@ class TcpProxy {
 
   // Resets every connection (no FIN, an RST) and keeps listening.
   std::size_t resetConnections();
-  // Connections accepted so far, and those still open.
+  // Connections accepted so far.
   std::size_t acceptedConnections() const;
-  std::size_t openConnections() const;
 
  private:
   std::shared_ptr<detail::ProxyState> state_;

@@ -3,8 +3,8 @@
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 
+#include <cstdint>
 #include <deque>
-#include <limits>
 
 #include "tests/support/loopback_listener.h"
 
@@ -15,7 +15,7 @@ namespace http = beast::http;
 namespace websocket = beast::websocket;
 
 constexpr std::size_t kInboundFrameLimit = 64u << 20;
-constexpr std::size_t kForever = std::numeric_limits<std::size_t>::max();
+constexpr std::size_t kForever = SIZE_MAX;
 
 // The settings the test changes while connections run.
 struct detail::WsBehaviour {
@@ -227,8 +227,8 @@ std::size_t forEveryOpen(LoopbackListener& listener, F act) {
 
 }  // namespace
 
-WsTestServer::WsTestServer(Security security, std::shared_ptr<const TestCertificates> certificates)
-    : LoggingLoopbackServer(security, std::move(certificates)),
+WsTestServer::WsTestServer(std::shared_ptr<const TestCertificates> certificates)
+    : LoggingLoopbackServer(std::move(certificates)),
       behaviour_(std::make_shared<Watched<WsBehaviour>>()) {
   listener_ = std::make_unique<LoopbackListener>(
       certificates_, [state = WsState{log_, behaviour_}](LoopbackListener& listener, uint64_t id,
@@ -250,10 +250,6 @@ void WsTestServer::refuseUpgrades(unsigned status, std::size_t count) {
   });
 }
 
-void WsTestServer::refuseAllUpgrades(unsigned status) {
-  refuseUpgrades(status, kForever);
-}
-
 std::size_t WsTestServer::pushText(std::string text) {
   return forEveryOpen(*listener_, [&](auto& c) { c.enqueue({Outgoing::Kind::Text, text}); });
 }
@@ -262,10 +258,6 @@ std::size_t WsTestServer::closeConnections(uint16_t code, std::string reason) {
   return forEveryOpen(*listener_, [&](auto& c) {
     c.enqueue({Outgoing::Kind::Close, reason, code});
   });
-}
-
-std::size_t WsTestServer::dropConnections() {
-  return forEveryOpen(*listener_, [](auto& c) { c.drop(); });
 }
 
 std::size_t WsTestServer::endStreams() {

@@ -57,8 +57,7 @@ class WsTestServer : public LoggingLoopbackServer<WsServerLog> {
   using FrameHandler = std::function<std::vector<WsReply>(const WsFrame&)>;
 
   // Starts listening at once.
-  explicit WsTestServer(Security security = Security::Plain,
-                        std::shared_ptr<const TestCertificates> certificates = nullptr);
+  explicit WsTestServer(std::shared_ptr<const TestCertificates> certificates = nullptr);
   ~WsTestServer();
 
   // "ws://127.0.0.1:<port><path>" or "wss://...".
@@ -68,17 +67,14 @@ class WsTestServer : public LoggingLoopbackServer<WsServerLog> {
 
   // Replaces the frame handler (the default one answers nothing).
   void setHandler(FrameHandler handler);
-  // Refuses the next `count` upgrade requests with this HTTP status (e.g. 801).
-  void refuseUpgrades(unsigned status, std::size_t count = 1);
-  // Refuses every upgrade request from now on, until acceptUpgrades().
-  void refuseAllUpgrades(unsigned status);
+  // Refuses the next `count` upgrade requests (all of them by default) with
+  // this HTTP status (e.g. 801).
+  void refuseUpgrades(unsigned status, std::size_t count = SIZE_MAX);
   // Sends a text frame to every open connection; returns how many connections
   // it was queued on.
   std::size_t pushText(std::string text);
   // Starts the closing handshake with this close code on every open connection.
   std::size_t closeConnections(uint16_t code, std::string reason = {});
-  // Resets every open connection at the TCP level (no close frame).
-  std::size_t dropConnections();
   // Ends the byte stream of every open connection (a FIN, no close frame).
   std::size_t endStreams();
 

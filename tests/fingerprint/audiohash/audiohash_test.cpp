@@ -1,5 +1,6 @@
-// Behaviour of the exported hash functions: refusals, sizes, the special
-// inputs whose words are known, toggles, and the shared tables.
+// Behaviour of the exported hash functions: refusals, the special inputs
+// whose words are known, toggles, and the shared tables. Word and frame counts,
+// refusals and the table helpers' ranges are checked on every fuzzer input.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -18,7 +19,9 @@ using tellora::testing::noise;
 
 using tellora::testing::Hashed;
 
-TEST(AudiohashRefusal, RefusedInputLeavesRecordsUntouched) {
+// Refused rates, toggle counts and lengths are checked on every fuzzer input;
+// null records it cannot pass.
+TEST(AudiohashRefusal, NullArgumentsAreRefusedAndLeaveRecordsUntouched) {
   std::vector<float> samples(4000, 0.1f);
   hashres res;
   hashst st;
@@ -27,41 +30,11 @@ TEST(AudiohashRefusal, RefusedInputLeavesRecordsUntouched) {
   const hashres before = res;
 
   EXPECT_EQ(audiohash(nullptr, 4000, &res, &st, 0, 8000), -1);
-  EXPECT_EQ(audiohash(samples.data(), 0, &res, &st, 0, 8000), -1);
   EXPECT_EQ(audiohash(samples.data(), 4000, nullptr, &st, 0, 8000), -1);
   EXPECT_EQ(audiohash(samples.data(), 4000, &res, nullptr, 0, 8000), -1);
-  EXPECT_EQ(audiohash(samples.data(), 4000, &res, &st, 0, 5999), -1);
-  EXPECT_EQ(audiohash(samples.data(), 4000, &res, &st, -1, 8000), -1);
-  EXPECT_EQ(audiohash(samples.data(), 4000, &res, &st, 33, 8000), -1);
   EXPECT_EQ(std::memcmp(&res, &before, sizeof res), 0);
   EXPECT_EQ(st.framelength, 0u);
   freehashst(&st);  // safe after refusals: inithashst cleared the pointers
-  freehashst(nullptr);
-  freehash(nullptr);
-
-  Hashed lowest(noise(3968, 1), 0, 6000);  // the lowest rate accepted
-  ASSERT_EQ(lowest.status, 0);
-  EXPECT_EQ(lowest.st.framelength, 2048u);  // 0.4 * 6000 = 2400
-}
-
-TEST(AudiohashSizes, FrameAndWordCountsAtTheBoundaries) {
-  struct Case {
-    uint32_t samples;
-    int32_t frames;
-  };
-  // At 8000 Hz: N = 2048, step A = 64; F = samples / 64 - 31.
-  for (const Case& c : {Case{3968, 31}, Case{2176, 3}, Case{2175, 2}, Case{2048, 1}, Case{2047, 0},
-                        Case{100, -30}, Case{64 * 1000 + 63, 969}}) {
-    SCOPED_TRACE(c.samples);
-    Hashed h(noise(c.samples, 7));
-    ASSERT_EQ(h.status, 0);
-    EXPECT_EQ(h.res.nbframes, c.frames);
-    EXPECT_EQ(h.res.nbhashes, c.frames - 2);
-    EXPECT_EQ(h.res.bitsperword, 32);
-    EXPECT_EQ(h.res.hashes != nullptr, c.frames > 2);
-    EXPECT_EQ(h.res.frames != nullptr, c.frames > 0);
-    EXPECT_EQ(h.res.toggles, nullptr);
-  }
 }
 
 TEST(AudiohashKnownWords, SilenceAndDcGiveZeroWords) {
@@ -89,20 +62,10 @@ std::vector<double> roundedDiffs(const hashres& r, int w) {
   return diffs;
 }
 
-TEST(AudiohashToggles, NoneAllAndTheLeastReliableBits) {
+TEST(AudiohashToggles, TheLeastReliableBitsAndNeverTheWords) {
   const auto scaled = babble(3968, 11, 8000);
-  {
-    Hashed h(scaled, 0);
-    EXPECT_EQ(h.res.toggles, nullptr);
-    EXPECT_EQ(h.res.ntoggles, 0);
-  }
-  {
-    Hashed h(scaled, 32);
-    ASSERT_EQ(h.status, 0);
-    for (int w = 0; w < h.res.nbhashes; ++w)
-      EXPECT_EQ(h.res.toggles[w], 0xFFFFFFFFu);
-  }
-  for (int P : {1, 3, 8}) {
+  const Hashed plain(scaled, 0);
+  for (int P : {1, 3, 8, 32}) {
     Hashed h(scaled, P);
     ASSERT_EQ(h.status, 0);
     ASSERT_EQ(h.res.ntoggles, P);
@@ -120,8 +83,7 @@ TEST(AudiohashToggles, NoneAllAndTheLeastReliableBits) {
       }
       EXPECT_LE(maxToggled, minKept) << "word " << w;
     }
-    Hashed plain(scaled, 0);
-    EXPECT_EQ(h.words(), plain.words());  // toggles never change the words
+    EXPECT_EQ(h.words(), plain.words());
   }
 }
 
@@ -135,17 +97,6 @@ TEST(AudiohashHelpers, SelectionSortIsNotStable) {
   EXPECT_EQ(idx[0], 2);
   EXPECT_EQ(idx[1], 1);
   EXPECT_EQ(idx[2], 0);
-}
-
-TEST(AudiohashHelpers, FrameLengthExponent) {
-  EXPECT_EQ(getexpframelength(8000, 0.4f), 11);
-  EXPECT_EQ(getexpframelength(6000, 0.4f), 11);
-  EXPECT_EQ(getexpframelength(44100, 0.4f), 14);
-  EXPECT_EQ(getexpframelength(1, 1.0f), 0);
-  EXPECT_EQ(getexpframelength(0, 0.4f), -1);
-  EXPECT_EQ(getexpframelength(-8000, 0.4f), -1);
-  EXPECT_EQ(getexpframelength(8000, 1e30f), 30);  // clamped, never undefined
-  EXPECT_EQ(GetWts(8000, 0), nullptr);
 }
 
 TEST(AudiohashState, TablesAreSharedPerRateAndOutliveOtherStates) {

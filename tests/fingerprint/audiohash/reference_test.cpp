@@ -1,17 +1,23 @@
-// The hash against an independent computation written here from the
-// algorithm's definition: plain loops and a plain double-precision DFT. The two
-// round differently, so a bit may differ only where its difference is within
-// rounding noise of zero.
+// The hash against computations it does not share code with: one written here
+// from the algorithm's definition (plain loops, a double-precision DFT), and
+// the frame-by-frame libkissfft path that every batched kernel must match to
+// the bit. The whole call against that path runs on every input of the fuzzer.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <vector>
 
+#include "fingerprint/audiohash/frame_kernel.h"
+#include "fingerprint/audiohash/hash_tables.h"
+#include "fingerprint/audiohash/reference_hash.h"
 #include "tellora/audiohash.h"
 #include "tests/fingerprint/audiohash/hashed.h"
 #include "tests/fingerprint/audiohash/test_signals.h"
 
 namespace {
+
+using namespace tellora::audiohash;
 
 const double kCentres[33] = {50,   75,   100,  125,  150,  200,  250,  300,  350,  400,  450,
                              510,  570,  635,  700,  770,  840,  920,  1000, 1085, 1170, 1270,
@@ -66,6 +72,8 @@ std::vector<std::vector<double>> energiesInDouble(const std::vector<float>& x, i
   return energies;
 }
 
+// The two round differently, so a bit may differ only where its difference is
+// within rounding noise of zero.
 TEST(IndependentComputation, WordsAgreeWhereverTheDifferenceIsClearOfRounding) {
   const std::vector<std::pair<const char*, std::vector<float>>> signals = {
       {"babble", tellora::testing::babble(2048 + 64 * 14, 31, 8000)},
@@ -90,6 +98,38 @@ TEST(IndependentComputation, WordsAgreeWhereverTheDifferenceIsClearOfRounding) {
       }
     }
     EXPECT_GT(compared, res.nbhashes * 30);  // nearly every bit is decided clearly
+  }
+}
+
+// Every lane count and every partial last batch, with each kernel the CPU has.
+TEST(FastPath, EachKernelMatchesFrameByFrameForAnyFrameCount) {
+  auto tables = tablesForRate(8000);
+  ASSERT_TRUE(tables);
+  const auto samples = tellora::testing::babble(2048 + 64 * 20, 9, 8000);
+  for (int32_t F = 1; F <= 21; ++F) {
+    std::vector<std::vector<float>> expected(F, std::vector<float>(33));
+    {
+      // Frame by frame through libkissfft itself.
+      hashres ref{};
+      ASSERT_EQ(referenceAudiohash(samples.data(), 2048 + 64 * (F - 1), &ref, 0, 8000), 0);
+      for (int k = 0; k < F; ++k)
+        std::memcpy(expected[k].data(), ref.frames[k], 33 * 4);
+      freehash(&ref);
+    }
+    using Kernel = bool (*)(const HashTables&, const float*, int32_t, uint32_t, float* const*);
+    std::vector<std::pair<const char*, Kernel>> kernels = {
+        {"generic", computeFrameEnergiesGeneric}};
+    if (cpuHasAvx2()) kernels.push_back({"avx2", computeFrameEnergiesAvx2});
+    for (auto [name, kernel] : kernels) {
+      std::vector<std::vector<float>> out(F, std::vector<float>(33, -1.0f));
+      std::vector<float*> rows;
+      for (auto& r : out)
+        rows.push_back(r.data());
+      ASSERT_TRUE(kernel(*tables, samples.data(), F, 64, rows.data()));
+      for (int k = 0; k < F; ++k)
+        ASSERT_EQ(std::memcmp(out[k].data(), expected[k].data(), 33 * 4), 0)
+            << name << " F=" << F << " frame " << k;
+    }
   }
 }
 
