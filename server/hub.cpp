@@ -13,7 +13,9 @@ double serverClockMs() {
   return duration<double, std::milli>(system_clock::now().time_since_epoch()).count();
 }
 
-Hub::Hub(MatcherConfig config, Clock clock) : config_(config), clock_(std::move(clock)) {}
+Hub::Hub(MatcherConfig config, Clock clock, std::unique_ptr<MatchingEngine> matching)
+    : clock_(std::move(clock)),
+      matching_(matching ? std::move(matching) : std::make_unique<InlineMatching>(config)) {}
 
 void Hub::attach(ClientKey client, int64_t app, const std::string& clientId,
                  const std::shared_ptr<ClientConnection>& connection) {
@@ -26,7 +28,7 @@ void Hub::attach(ClientKey client, int64_t app, const std::string& clientId,
   }
   Client& state = clients_[client];
   state.app = app;
-  ++apps_.try_emplace(app, config_).first->second.clients;
+  ++appClients_[app];
   state.clientId = clientId;
   state.connection = connection;
   state.session = connection.get();
@@ -48,20 +50,20 @@ void Hub::receive(ClientKey client, const ClientConnection* connection, std::str
     } else if (auto* payload = std::get_if<PayloadChange>(&*handled.change)) {
       state->payload = std::move(payload->payload);
     } else if (auto* fingerprint = std::get_if<FingerprintAdded>(&*handled.change)) {
-      matcherOf(*state).addFingerprint(client, fingerprint->words, fingerprint->stimeMs,
-                                       context.nowMs);
+      if (state->searchKey != 0)
+        matching_->addFingerprint(state->app, state->searchKey, std::move(fingerprint->words),
+                                  fingerprint->stimeMs, context.nowMs);
     }
   }
   if (handled.reply) send(*state, std::move(*handled.reply));
 }
 
 void Hub::tick() {
-  const auto started = TickTimes::Clock::now();
-  const double now = clock_();
-  // Pushing never calls back into the hub, so no application comes or goes here.
-  for (auto& [id, app] : apps_)
-    handleEvents(app.matcher.advance(now));
-  tickTimes_.record(started, TickTimes::Clock::now());
+  handleEvents(matching_->tick(clock_()));
+}
+
+void Hub::deliver(const std::vector<MatchEvent>& events) {
+  handleEvents(events);
 }
 
 Hub::Client* Hub::current(ClientKey client, const ClientConnection* connection) {
@@ -71,19 +73,28 @@ Hub::Client* Hub::current(ClientKey client, const ClientConnection* connection) 
 }
 
 void Hub::apply(ClientKey client, ModeChange change) {
-  const bool searching = change.mode == kSearchMode;
-  const double now = clock_();
   Client& state = clients_.at(client);
-  if (searching && !state.searching) ++searching_;
-  if (!searching && state.searching) --searching_;
-  state.searching = searching;
-  Matcher& matcher = matcherOf(state);
-  matcher.setSearching(client, searching, now);
-  if (searching) return;
+  if (change.mode == kSearchMode) {
+    if (state.searchKey != 0) return;
+    // Every search starts from a clean slate: earlier words are stale.
+    state.searchKey = nextSearchKey_++;
+    bySearchKey_[state.searchKey] = client;
+    ++searching_;
+    matching_->start(state.app, state.searchKey, clock_());
+    return;
+  }
   // Leaving the search ends its pairs now, not at the next tick, so that a
   // quick return to searching starts from a clean slate on both sides.
-  handleEvents(matcher.advance(now));
+  endSearch(state);
   dropPairs(client);
+}
+
+void Hub::endSearch(Client& state) {
+  if (state.searchKey == 0) return;
+  matching_->end(state.app, state.searchKey, clock_());
+  bySearchKey_.erase(state.searchKey);
+  state.searchKey = 0;
+  --searching_;
 }
 
 nlohmann::json Hub::nearbyList(const Client& client) const {
@@ -96,12 +107,15 @@ nlohmann::json Hub::nearbyList(const Client& client) const {
   return list;
 }
 
-void Hub::handleEvents(std::vector<MatchEvent> events) {
+void Hub::handleEvents(const std::vector<MatchEvent>& events) {
   for (const auto& event : events) {
+    // Events name searches; one that has ended since names nobody.
+    const auto a = bySearchKey_.find(event.a), b = bySearchKey_.find(event.b);
+    if (a == bySearchKey_.end() || b == bySearchKey_.end()) continue;
     if (event.kind == MatchEvent::Kind::found) {
-      pairFound(event.a, event.b);
+      pairFound(a->second, b->second);
     } else {
-      pairLost(event.a, event.b);
+      pairLost(a->second, b->second);
     }
   }
 }
@@ -146,18 +160,14 @@ void Hub::send(const Client& client, std::string text) {
 
 void Hub::forget(ClientKey client) {
   // Its partners hear at once that the client is gone; the lost events the
-  // matcher queues for these pairs then find nothing left to tell.
+  // matcher gives for these pairs then name nobody.
   dropPairs(client);
   const auto it = clients_.find(client);
   if (it == clients_.end()) return;
-  const auto app = apps_.find(it->second.app);
-  if (it->second.searching) --searching_;
+  endSearch(it->second);
+  const auto app = appClients_.find(it->second.app);
   clients_.erase(it);
-  if (app == apps_.end()) return;
-  // The lost events this queues find nothing left to tell, and the last
-  // client of an application takes its matcher with it.
-  app->second.matcher.removeClient(client, clock_());
-  if (--app->second.clients == 0) apps_.erase(app);
+  if (app != appClients_.end() && --app->second == 0) appClients_.erase(app);
 }
 
 }  // namespace tellora::server

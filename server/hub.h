@@ -2,9 +2,10 @@
 // client, their payloads, the matcher fed with their fingerprints, and the
 // found/lost pushes it leads to. Each application has a matcher of its own:
 // clients of different applications never meet, and the work of one
-// application does not grow with the clients of another. Runs on the server's one thread and knows
-// nothing of sockets, so tests can drive it with fake connections and a fake
-// clock.
+// application does not grow with the clients of another. The hub runs on the
+// server's session thread and knows nothing of sockets, so tests can drive it
+// with fake connections and a fake clock; its matching runs there too or on
+// threads of its own (a MatchingEngine).
 #pragma once
 
 #include <cstdint>
@@ -18,6 +19,7 @@
 #include <nlohmann/json.hpp>
 
 #include "server/matcher/matcher.h"
+#include "server/matching/matching_engine.h"
 #include "server/metrics.h"
 #include "server/request_handler.h"
 
@@ -45,7 +47,9 @@ double serverClockMs();
 class Hub {
  public:
   using Clock = std::function<double()>;
-  explicit Hub(MatcherConfig config = {}, Clock clock = serverClockMs);
+  // Without an engine, matching runs on the hub's thread at every tick().
+  explicit Hub(MatcherConfig config = {}, Clock clock = serverClockMs,
+               std::unique_ptr<MatchingEngine> matching = nullptr);
 
   // A session of `client`, registered with application `app`, is open. An
   // older session of the same client is closed with 3001 and its state (mode,
@@ -60,10 +64,19 @@ class Hub {
   void receive(ClientKey client, const ClientConnection* connection, std::string_view frame);
   // Lets the matcher compare and pushes what changed; call every ~100 ms.
   void tick();
+  // Events of a matching engine with threads of its own, on the hub's thread.
+  void deliver(const std::vector<MatchEvent>& events);
+  // Runs the matching on `matching` from now on: only before the first client.
+  void replaceMatching(std::unique_ptr<MatchingEngine> matching) {
+    matching_ = std::move(matching);
+  }
+  // Ends the matching engine's threads: call before whatever its events are
+  // carried through goes away.
+  void stopMatching() { matching_->stop(); }
 
   std::size_t clientCount() const { return clients_.size(); }
   // Applications with connected clients.
-  std::size_t applicationCount() const { return apps_.size(); }
+  std::size_t applicationCount() const { return appClients_.size(); }
   // Frames not used (malformed, or fingerprints outside the time window).
   uint64_t ignoredFrames() const { return ignoredFrames_; }
   // Clients whose mode is search.
@@ -71,7 +84,7 @@ class Hub {
   // Pairs pushed as found, and as lost, since the start.
   uint64_t pairsFound() const { return pairsFound_; }
   uint64_t pairsLost() const { return pairsLost_; }
-  const TickTimes& tickTimes() const { return tickTimes_; }
+  const TickTimes& tickTimes() const { return matching_->tickTimes(); }
 
  private:
   struct Client {
@@ -81,13 +94,17 @@ class Hub {
     const ClientConnection* session = nullptr;  // identity of the current session
     nlohmann::json payload;
     std::set<ClientKey> nearby;
-    bool searching = false;
+    // While searching: the key its matcher knows this search by, never used
+    // again, so that an event about an earlier search (late from a matching
+    // thread) names nobody. 0 while not searching.
+    ClientKey searchKey = 0;
   };
 
   Client* current(ClientKey client, const ClientConnection* connection);
   void apply(ClientKey client, ModeChange change);
   nlohmann::json nearbyList(const Client& client) const;
-  void handleEvents(std::vector<MatchEvent> events);
+  void handleEvents(const std::vector<MatchEvent>& events);
+  void endSearch(Client& state);
   void pairFound(ClientKey a, ClientKey b);
   void pairLost(ClientKey a, ClientKey b);
   // Ends every pair of `client` at once, pushing lost to both sides.
@@ -95,23 +112,16 @@ class Hub {
   void send(const Client& client, std::string text);
   void forget(ClientKey client);
 
-  // The matcher of one application, kept while it has clients.
-  struct App {
-    explicit App(const MatcherConfig& config) : matcher(config) {}
-    Matcher matcher;
-    std::size_t clients = 0;
-  };
-  Matcher& matcherOf(const Client& client) { return apps_.at(client.app).matcher; }
-
-  MatcherConfig config_;
   Clock clock_;
-  std::unordered_map<int64_t, App> apps_;
+  std::unique_ptr<MatchingEngine> matching_;
+  std::unordered_map<int64_t, std::size_t> appClients_;  // connected clients per application
   std::unordered_map<ClientKey, Client> clients_;
+  std::unordered_map<ClientKey, ClientKey> bySearchKey_;  // search key -> client
+  ClientKey nextSearchKey_ = 1;
   uint64_t ignoredFrames_ = 0;
   std::size_t searching_ = 0;
   uint64_t pairsFound_ = 0;
   uint64_t pairsLost_ = 0;
-  TickTimes tickTimes_;
 };
 
 }  // namespace tellora::server

@@ -147,6 +147,11 @@ int main(int argc, char** argv) {
                          "exit; a second signal exits at once"))
       ->capture_default_str()
       ->check(CLI::Range(0.0, 3600.0));
+  withEnv(cli.add_option("--matching-threads", limits.matchingThreads,
+                         "Threads matching the applications' clients beside the sessions' thread "
+                         "(each application on one); 0 matches on the sessions' thread"))
+      ->capture_default_str()
+      ->check(CLI::Range(0, 64));
   withEnv(cli.add_option("--max-connections", limits.maxConnections,
                          "Connections open at once; more are closed on accept"))
       ->capture_default_str()

@@ -66,6 +66,7 @@ class Exposition {
 
 void TickTimes::record(Clock::time_point start, Clock::time_point end) {
   const Clock::duration took = end - start;
+  std::lock_guard lock(mutex_);
   ++count_;
   total_ += took;
   const int64_t index = wholeSecond(end);
@@ -74,13 +75,20 @@ void TickTimes::record(Clock::time_point start, Clock::time_point end) {
   second.longest = std::max(second.longest, took);
 }
 
+uint64_t TickTimes::count() const {
+  std::lock_guard lock(mutex_);
+  return count_;
+}
+
 double TickTimes::totalSeconds() const {
+  std::lock_guard lock(mutex_);
   return Seconds(total_).count();
 }
 
 double TickTimes::longestRecentSeconds(Clock::time_point now) const {
   const int64_t current = wholeSecond(now);
   Clock::duration longest{};
+  std::lock_guard lock(mutex_);
   for (const Second& second : seconds_)
     if (second.index > current - 60 && second.index <= current)
       longest = std::max(longest, second.longest);

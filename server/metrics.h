@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,12 +19,14 @@ struct ServerContext;
 
 // How long the matcher's ticks take: totals, and the longest tick of the last
 // minute kept as one maximum per second, so that recording stays O(1).
+// Safe to record and read from different threads (matching may run on
+// threads of its own).
 class TickTimes {
  public:
   using Clock = std::chrono::steady_clock;
 
   void record(Clock::time_point start, Clock::time_point end);
-  uint64_t count() const { return count_; }
+  uint64_t count() const;
   double totalSeconds() const;
   // The longest tick that ended within the 60 s before `now`.
   double longestRecentSeconds(Clock::time_point now = Clock::now()) const;
@@ -33,6 +36,7 @@ class TickTimes {
     int64_t index = -1;  // the steady clock's whole second it holds
     Clock::duration longest{};
   };
+  mutable std::mutex mutex_;
   uint64_t count_ = 0;
   Clock::duration total_{};
   std::array<Second, 60> seconds_{};

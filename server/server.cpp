@@ -16,6 +16,7 @@
 
 #include "runtime/log.h"
 #include "server/listener.h"
+#include "server/matching/matching_threads.h"
 #include "server/server_context.h"
 
 namespace tellora::server {
@@ -68,6 +69,19 @@ class Server::Core {
         drainTimer(io) {
     const net::ip::tcp::endpoint endpoint(net::ip::make_address(options.bindAddress), options.port);
     listener = std::make_shared<Listener>(io, endpoint, context);
+    if (auto matching = makeMatching()) hub.replaceMatching(std::move(matching));
+  }
+
+  // Stops the matching threads first: their events are posted to `io`.
+  ~Core() { hub.stopMatching(); }
+
+  std::unique_ptr<MatchingEngine> makeMatching() {
+    if (options.limits.matchingThreads == 0) return nullptr;
+    return std::make_unique<MatchingThreads>(
+        MatcherConfig{}, options.limits.matchingThreads, options.limits.matchTick, serverClockMs,
+        [this](std::vector<MatchEvent> events) {
+          net::post(io, [this, events = std::move(events)] { hub.deliver(events); });
+        });
   }
 
   void begin() {

@@ -1,6 +1,7 @@
 // The matching server: registration over HTTP and client sessions over
-// WebSocket on one port, matched by the sound they hear. Everything runs on
-// one thread; tests start it in-process on port 0.
+// WebSocket on one port, matched by the sound they hear. The sessions run on
+// one thread, the matchers on limits.matchingThreads threads of their own (or
+// on the sessions' thread when that is 0); tests start it in-process on port 0.
 //
 //   tellora::server::ServerOptions options;
 //   options.port = 0;

@@ -24,6 +24,10 @@ struct ServerLimits {
   std::chrono::milliseconds wsIdleTimeout{60'000};
   // How often the matcher compares and the found/lost pushes go out.
   std::chrono::milliseconds matchTick{100};
+  // Threads that run the applications' matchers (each application on one of
+  // them), beside the thread of the sessions; 0 matches on the sessions'
+  // thread.
+  std::size_t matchingThreads = 1;
   // After a stop, sessions get this long to finish their closing handshakes.
   std::chrono::milliseconds shutdownGrace{2'000};
   // A drain (SIGTERM) closes the sessions evenly over this long.

@@ -6,16 +6,23 @@
 // decisions lead to.
 #include <gtest/gtest.h>
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+
 #include <sys/stat.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <deque>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fingerprint/part_fingerprint.h"
@@ -24,6 +31,7 @@
 #include "server/connection_registry.h"
 #include "server/hub.h"
 #include "server/log_output.h"
+#include "server/matching/matching_threads.h"
 #include "server/registration.h"
 #include "server/request_handler.h"
 #include "server/server_config.h"
@@ -604,6 +612,107 @@ TEST_F(HubTest, ANewerSessionReplacesTheOlderOne) {
   hub_.receive(1, newer.get(), R"({"type":3,"id":2})");
   ASSERT_EQ(newer->sent.size(), 1u);
   EXPECT_EQ(newer->sent[0]["requestId"], 2);
+}
+
+// Matching on threads of its own: its events arrive late, while clients leave
+// and return to the search. An event about a search that has ended since must
+// push nothing: each client hears found and lost of its partner in turn, only
+// of its own room's, and a found only once both searches have sent two parts
+// (the half second of words a find needs).
+TEST(ThreadedMatchingTest, FoundAndLostAlternatePerPairWhileSearchesRestart) {
+  constexpr int kPairs = 4;
+  constexpr double kStartMs = 1'700'000'000'000.0;
+  std::atomic<double> nowMs{kStartMs};
+  boost::asio::io_context hubThread;  // the hub's calls all run on this test's thread
+  MatcherConfig config;
+  Hub hub(config, [&] { return nowMs.load(); });
+  hub.replaceMatching(std::make_unique<MatchingThreads>(
+      config, 2, std::chrono::milliseconds(2), [&] { return nowMs.load(); },
+      [&](std::vector<MatchEvent> events) {
+        boost::asio::post(hubThread, [&hub, events = std::move(events)] { hub.deliver(events); });
+      }));
+
+  struct Push {
+    int type;
+    std::string partner;
+    double atMs;
+  };
+  struct Device {
+    ClientKey key = 0;
+    int room = 0;
+    std::shared_ptr<FakeConnection> connection = std::make_shared<FakeConnection>();
+    double searchingSinceMs = 0;
+    std::vector<Push> pushes;  // found (102) and lost (103), stamped when seen
+  };
+  std::vector<Device> devices;
+  std::vector<std::vector<uint32_t>> sounds;
+  int64_t id = 0;
+  auto request = [&](Device& d, int type, const json& data) {
+    if (type == 0 && data["mode"] == 3) d.searchingSinceMs = nowMs;
+    hub.receive(d.key, d.connection.get(),
+                json{{"type", type}, {"id", id++}, {"data", data}}.dump());
+  };
+  for (int room = 0; room < kPairs; ++room) {
+    sounds.push_back(sound(static_cast<uint32_t>(100 + room)));
+    for (int member = 0; member < 2; ++member) {
+      devices.emplace_back();
+      devices.back().key = devices.size();
+      devices.back().room = room;
+      // Every room an application of its own: the rooms spread over both threads.
+      hub.attach(devices.back().key, room, "c" + std::to_string(devices.back().key),
+                 devices.back().connection);
+      request(devices.back(), 0, {{"mode", 3}});
+    }
+  }
+
+  for (int step = 0; step * 50 < 12'000; ++step) {
+    const double offset = step * 50.0;
+    nowMs = kStartMs + offset;
+    if (step % 5 == 4)  // a part every 250 ms
+      for (Device& d : devices) {
+        const auto& heard = sounds[static_cast<size_t>(d.room)];
+        const auto first = static_cast<long>(static_cast<size_t>((offset - 250) / 8) % 3000);
+        const std::vector<uint32_t> words(heard.begin() + first, heard.begin() + first + 31);
+        request(d, 4, {{"fp", fingerprintFromWords(words)}, {"stime", nowMs - 250}});
+      }
+    // For 8 s the first device of every room leaves and returns every 0.6-0.7 s.
+    if (offset < 8'000 && step % (12 + step / 40 % 3) == 0)
+      for (int room = 0; room < kPairs; ++room) {
+        request(devices[static_cast<size_t>(2 * room)], 0, {{"mode", 1}});
+        request(devices[static_cast<size_t>(2 * room)], 0, {{"mode", 3}});
+      }
+    std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    // The events wait for the hub for up to 350 ms, so that many were made
+    // before a restart they arrive after.
+    if (step % 8 == 6) {
+      hubThread.poll();
+      hubThread.restart();
+    }
+    for (Device& d : devices) {
+      const Device& partner = devices[static_cast<size_t>(d.key % 2 ? d.key : d.key - 2)];
+      for (const json& m : d.connection->sent) {
+        const int type = m.value("type", -1);
+        if (type != 102 && type != 103) continue;
+        d.pushes.push_back({type, m["data"]["clientId"], nowMs});
+        if (type == 102) {
+          EXPECT_GE(nowMs - std::max(d.searchingSinceMs, partner.searchingSinceMs), 250)
+              << "device " << d.key << " found at " << offset << " ms on stale words";
+        }
+      }
+      d.connection->sent.clear();
+    }
+  }
+  hub.stopMatching();
+
+  for (const Device& d : devices) {
+    const std::string partner = "c" + std::to_string(d.key % 2 ? d.key + 1 : d.key - 1);
+    ASSERT_FALSE(d.pushes.empty()) << "device " << d.key;
+    for (size_t i = 0; i < d.pushes.size(); ++i) {
+      EXPECT_EQ(d.pushes[i].partner, partner) << "device " << d.key;
+      EXPECT_EQ(d.pushes[i].type, i % 2 ? 103 : 102) << "device " << d.key << " push " << i;
+    }
+    EXPECT_EQ(d.pushes.back().type, 102) << "device " << d.key << ": nearby at the end";
+  }
 }
 
 }  // namespace
