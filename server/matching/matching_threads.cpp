@@ -6,6 +6,7 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <thread>
 
@@ -38,6 +39,8 @@ class MatchingThreads::Worker {
     net::post(io_, std::move(job));
   }
   AppMatchers& matchers() { return matchers_; }
+  // Words posted and not yet matched.
+  std::atomic<std::size_t> pendingWords{0};
 
   void stop() {
     if (!thread_.joinable()) return;
@@ -109,8 +112,17 @@ void MatchingThreads::end(int64_t app, ClientKey key, double nowMs) {
 void MatchingThreads::addFingerprint(int64_t app, ClientKey key, std::vector<uint32_t> words,
                                      double stimeMs, double nowMs) {
   Worker& worker = workerOf(app);
+  const std::size_t size = words.size();
+  if (worker.pendingWords.fetch_add(size) + size > kMaxPendingWords) {
+    worker.pendingWords.fetch_sub(size);
+    if (dropped_.fetch_add(1) % 10000 == 0)
+      warnf("matching falls behind: fingerprints dropped (%llu so far)",
+            static_cast<unsigned long long>(dropped_.load()));
+    return;
+  }
   worker.post([&worker, app, key, words = std::move(words), stimeMs, nowMs] {
     worker.matchers().addFingerprint(app, key, words, stimeMs, nowMs);
+    worker.pendingWords.fetch_sub(words.size());
   });
 }
 

@@ -5,6 +5,7 @@
 // `deliver`, which must carry them to the hub's thread.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -29,6 +30,11 @@ class MatchingThreads final : public MatchingEngine {
   void addFingerprint(int64_t app, ClientKey key, std::vector<uint32_t> words, double stimeMs,
                       double nowMs) override;
   std::vector<MatchEvent> tick(double) override { return {}; }
+  // Words waiting for a matching thread, at most kMaxPendingWords per
+  // thread: a fingerprint that finds its thread's queue full is dropped, so
+  // that clients sending faster than matching keeps up cannot grow memory.
+  static constexpr std::size_t kMaxPendingWords = std::size_t{1} << 22;  // 16 MiB
+  uint64_t droppedFingerprints() const { return dropped_.load(); }
   void stop() override;
   const TickTimes& tickTimes() const override { return tickTimes_; }
 
@@ -37,6 +43,7 @@ class MatchingThreads final : public MatchingEngine {
   Worker& workerOf(int64_t app);
 
   TickTimes tickTimes_;  // shared by the workers: it locks
+  std::atomic<uint64_t> dropped_{0};
   std::vector<std::unique_ptr<Worker>> workers_;
 };
 

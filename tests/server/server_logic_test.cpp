@@ -715,5 +715,23 @@ TEST(ThreadedMatchingTest, FoundAndLostAlternatePerPairWhileSearchesRestart) {
   }
 }
 
+// A client sending faster than matching keeps up fills its matching thread's
+// queue only up to a bound; beyond it, fingerprints are dropped.
+TEST(ThreadedMatchingTest, AFloodOfFingerprintsIsDroppedBeyondTheQueueBound) {
+  const double now = 1'700'000'000'000.0;
+  MatchingThreads matching(
+      MatcherConfig{}, 1, std::chrono::milliseconds(100), [now] { return now; },
+      [](std::vector<MatchEvent>) {});
+  matching.start(7, 1, now);
+  const auto words = sound(5);
+  std::vector<uint32_t> part;
+  while (part.size() < 25'000)
+    part.insert(part.end(), words.begin(), words.end());
+  for (int i = 0; i * part.size() < 2 * MatchingThreads::kMaxPendingWords; ++i)
+    matching.addFingerprint(7, 1, part, now, now);
+  EXPECT_GT(matching.droppedFingerprints(), 0u);
+  matching.stop();
+}
+
 }  // namespace
 }  // namespace tellora::server
