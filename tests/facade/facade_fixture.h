@@ -54,7 +54,7 @@ class MatchServer {
   std::vector<nlohmann::json> requests() const;
   std::vector<nlohmann::json> requestsOfType(int type) const;
   bool waitForRequestsOfType(int type, std::size_t count,
-                             std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
+                             std::chrono::milliseconds timeout = testing::kDefaultWait) const;
 
   void pushFound(const std::string& clientID, const nlohmann::json& payload);
   void pushLost(const std::string& clientID);

@@ -37,7 +37,7 @@ namespace beast = boost::beast;
 using tcp = net::ip::tcp;
 
 // Generous limits: a test server must never be the side that gives up first.
-constexpr auto kServerIoTimeout = std::chrono::seconds(10);
+inline const std::chrono::milliseconds kServerIoTimeout = std::chrono::seconds(10) * waitScale();
 
 class LoopbackConnection {
  public:
