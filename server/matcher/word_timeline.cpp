@@ -222,25 +222,6 @@ bool informative(const Run& run, int64_t at, int32_t count) {
 
 }  // namespace
 
-Agreement compareTimelines(const WordTimeline& a, const WordTimeline& b, int64_t endSlot,
-                           int32_t window, int32_t fromShift, int32_t toShift, int32_t minOverlap,
-                           const WordScores& scores) {
-  const int64_t first = endSlot - window + 1;
-  RunPair& runs = scratchRuns();
-  runs.a.fill(a, first, endSlot);
-  runs.b.fill(b, first + fromShift, endSlot + toShift);
-  return bestShift(runs.a, runs.b, fromShift, toShift, minOverlap, scores);
-}
-
-Agreement chanceAgreement(const WordTimeline& a, const WordTimeline& b, int64_t endSlot,
-                          int32_t window, int32_t minOverlap, const WordScores& scores) {
-  const int64_t first = endSlot - window + 1;
-  RunPair& runs = scratchRuns();
-  runs.a.fill(a, first, endSlot);
-  runs.b.fill(b, first - kChanceReach, endSlot + kChanceReach);
-  return chanceOf(runs.a, runs.b, minOverlap, scores);
-}
-
 bool isInformative(const WordTimeline& t, int64_t endSlot, int32_t window) {
   Run& run = scratchRuns().a;
   run.fill(t, endSlot - window + 1, endSlot);

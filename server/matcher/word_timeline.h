@@ -70,35 +70,29 @@ class WordScores {
   std::array<double, 33> table_{};
 };
 
-// How well two timelines agree over a window of `window` slots ending at
-// `endSlot`, at the best of the shifts in [fromShift, toShift] (the clock error
-// between the devices).
+// How well two timelines agree at one shift, or at several together (see
+// assessWindow).
 struct Agreement {
   double score = 0;           // mean word score at the best shift
   double bitErrorRate = 0.5;  // at the best shift
   int32_t overlap = 0;        // words compared at the best shift; 0: none had minOverlap
   int32_t shift = 0;          // b's slot minus a's slot
 };
-Agreement compareTimelines(const WordTimeline& a, const WordTimeline& b, int64_t endSlot,
-                           int32_t window, int32_t fromShift, int32_t toShift, int32_t minOverlap,
-                           const WordScores& scores);
-
-// The same two timelines at shifts far outside any clock error (+-30 to +-60
-// slots): what unrelated moments of the two sounds share. Words of real sound
-// share structure, so unrelated moments score above plain noise; hearing the
-// same sound shows as a best-shift score clearly above this. overlap 0 when
-// nothing overlaps there.
-Agreement chanceAgreement(const WordTimeline& a, const WordTimeline& b, int64_t endSlot,
-                          int32_t window, int32_t minOverlap, const WordScores& scores);
 
 // True when the words in the window carry information: silence and steady
 // tones hash to long runs of equal (often zero) words that any two quiet
 // rooms share.
 bool isInformative(const WordTimeline& t, int64_t endSlot, int32_t window);
 
-// All of the above for one pair at once (each side copied out once): the best
-// shift; when it overlaps by minOverlap, the chance agreement (minOverlap / 2);
-// when that overlaps too, whether both windows are informative.
+// One pair judged over a window of `window` slots ending at `endSlot` (each
+// side copied out once): the agreement at the best of the shifts in
+// [fromShift, toShift] (the clock error between the devices); when it
+// overlaps by minOverlap, the chance agreement: the same timelines at shifts
+// far outside any clock error (+-30 to +-60 slots), what unrelated moments of
+// the two sounds share (words of real sound share structure, so unrelated
+// moments score above plain noise; hearing the same sound shows as a
+// best-shift score clearly above this), over minOverlap / 2; when that
+// overlaps too, whether both windows are informative.
 struct WindowAssessment {
   Agreement agreement;
   Agreement chance;
