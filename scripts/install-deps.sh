@@ -9,7 +9,7 @@ packages=(
   libboost1.81-dev libboost-url1.81-dev
   libssl-dev nlohmann-json3-dev
   portaudio19-dev libsndfile1-dev libsamplerate0-dev libcli11-dev
-  libsqlite3-dev
+  libsqlite3-dev libhiredis-dev redis-server
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev valgrind
   # virtual microphone and demo audio

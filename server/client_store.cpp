@@ -42,7 +42,7 @@ struct StatementReset {
 
 }  // namespace
 
-ClientStore::ClientStore(const std::string& path) {
+SqliteClientStore::SqliteClientStore(const std::string& path) {
   auto fail = [&](const char* step) {
     const std::string message =
         std::string("client store ") + step + ": " + (db_ ? sqlite3_errmsg(db_) : "out of memory");
@@ -70,13 +70,13 @@ ClientStore::ClientStore(const std::string& path) {
     fail("prepare lookup");
 }
 
-ClientStore::~ClientStore() {
+SqliteClientStore::~SqliteClientStore() {
   sqlite3_finalize(insert_);
   sqlite3_finalize(lookup_);
   sqlite3_close(db_);
 }
 
-std::optional<IssuedIdentity> ClientStore::issue(int64_t appId, std::string_view device) {
+std::optional<ClientStore::FreshIdentity> ClientStore::freshIdentity() {
   auto clientId = randomHexToken(kClientIdBytes);
   auto secret = randomHexToken(kSecretBytes);
   if (!clientId || !secret) {
@@ -84,6 +84,14 @@ std::optional<IssuedIdentity> ClientStore::issue(int64_t appId, std::string_view
     return std::nullopt;
   }
   const Sha256 digest = sha256(*secret);
+  return FreshIdentity{std::move(*clientId), std::move(*secret), digest};
+}
+
+std::optional<IssuedIdentity> SqliteClientStore::issue(int64_t appId, std::string_view device) {
+  auto fresh = freshIdentity();
+  if (!fresh) return std::nullopt;
+  auto* clientId = &fresh->clientId;
+  const auto& digest = fresh->secretDigest;
   StatementReset reset{insert_};
   sqlite3_bind_text(insert_, 1, clientId->data(), static_cast<int>(clientId->size()),
                     SQLITE_TRANSIENT);
@@ -96,11 +104,11 @@ std::optional<IssuedIdentity> ClientStore::issue(int64_t appId, std::string_view
     return std::nullopt;
   }
   return IssuedIdentity{static_cast<ClientKey>(sqlite3_last_insert_rowid(db_)),
-                        std::move(*clientId), std::move(*secret)};
+                        std::move(fresh->clientId), std::move(fresh->clientSecret)};
 }
 
-ClientStore::Authentication ClientStore::authenticate(std::string_view clientId,
-                                                      std::string_view clientSecret) const {
+ClientStore::Authentication SqliteClientStore::authenticate(std::string_view clientId,
+                                                            std::string_view clientSecret) {
   StatementReset reset{lookup_};
   sqlite3_bind_text(lookup_, 1, clientId.data(), static_cast<int>(clientId.size()),
                     SQLITE_TRANSIENT);

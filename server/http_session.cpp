@@ -168,6 +168,11 @@ class HttpSession : public ManagedConnection,
     const std::string clientId(request["clientId"]);
     const std::string secret(request["clientSecret"]);
     const auto found = context_.store.authenticate(clientId, secret);
+    if (found.verdict == ClientStore::Verdict::unavailable) {
+      // Not the client's fault: it must keep its identity and come back.
+      logf("upgrade refused (503) from %s: the identity store is unavailable", peer_.c_str());
+      return respond(503, "the identity store is unavailable", false, false, 1);
+    }
     if (found.verdict != ClientStore::Verdict::accepted) {
       const bool unknown = found.verdict == ClientStore::Verdict::unknownClient;
       logf("upgrade refused (%u) from %s: %s \"%s\"", kStatusUnknownClient, peer_.c_str(),

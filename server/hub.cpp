@@ -49,6 +49,8 @@ void Hub::receive(ClientKey client, const ClientConnection* connection, std::str
       apply(client, *mode);
     } else if (auto* payload = std::get_if<PayloadChange>(&*handled.change)) {
       state->payload = std::move(payload->payload);
+      if (state->searchKey != 0)
+        matching_->describe(state->app, state->searchKey, state->clientId, state->payload.dump());
     } else if (auto* fingerprint = std::get_if<FingerprintAdded>(&*handled.change)) {
       if (state->searchKey != 0)
         matching_->addFingerprint(state->app, state->searchKey, std::move(fingerprint->words),
@@ -59,7 +61,44 @@ void Hub::receive(ClientKey client, const ClientConnection* connection, std::str
 }
 
 void Hub::tick() {
-  handleEvents(matching_->tick(clock_()));
+  const double now = clock_();
+  handleEvents(matching_->tick(now));
+  if (anyUnconfirmed_) expireUnconfirmed(now);
+}
+
+void Hub::reconfirmPairsOf(ClientKey key, double graceMs) {
+  Client* client = searching(key);
+  if (!client) return;
+  const double until = clock_() + graceMs;
+  for (const ClientKey partner : client->nearby) {
+    client->unconfirmedUntilMs[partner] = until;
+    clients_.at(partner).unconfirmedUntilMs[bySearchKey_.at(key)] = until;
+    anyUnconfirmed_ = true;
+  }
+  for (auto& [partnerKey, partner] : client->remoteNearby) {
+    partner.unconfirmedUntilMs = until;
+    anyUnconfirmed_ = true;
+  }
+}
+
+void Hub::expireUnconfirmed(double nowMs) {
+  anyUnconfirmed_ = false;
+  std::vector<std::pair<ClientKey, ClientKey>> local, remote;
+  for (auto& [key, client] : clients_) {
+    for (const auto& [partner, until] : client.unconfirmedUntilMs) {
+      anyUnconfirmed_ = true;
+      if (until <= nowMs) local.emplace_back(key, partner);
+    }
+    for (const auto& [partnerKey, partner] : client.remoteNearby) {
+      if (partner.unconfirmedUntilMs == 0) continue;
+      anyUnconfirmed_ = true;
+      if (partner.unconfirmedUntilMs <= nowMs) remote.emplace_back(client.searchKey, partnerKey);
+    }
+  }
+  for (const auto& [a, b] : local)
+    pairLost(a, b);
+  for (const auto& [key, partner] : remote)
+    partnerLost(key, partner);
 }
 
 void Hub::deliver(const std::vector<MatchEvent>& events) {
@@ -81,6 +120,7 @@ void Hub::apply(ClientKey client, ModeChange change) {
     bySearchKey_[state.searchKey] = client;
     ++searching_;
     matching_->start(state.app, state.searchKey, clock_());
+    matching_->describe(state.app, state.searchKey, state.clientId, state.payload.dump());
     return;
   }
   // Leaving the search ends its pairs now, not at the next tick, so that a
@@ -104,6 +144,8 @@ nlohmann::json Hub::nearbyList(const Client& client) const {
     if (it == clients_.end()) continue;
     list.push_back({{"clientId", it->second.clientId}, {"payload", it->second.payload}});
   }
+  for (const auto& [key, partner] : client.remoteNearby)
+    list.push_back({{"clientId", partner.clientId}, {"payload", partner.payload}});
   return list;
 }
 
@@ -126,7 +168,11 @@ void Hub::pairFound(ClientKey a, ClientKey b) {
   auto ia = clients_.find(a), ib = clients_.find(b);
   if (a == b || ia == clients_.end() || ib == clients_.end()) return;
   if (ia->second.app != ib->second.app) return;
-  if (!ia->second.nearby.insert(b).second) return;
+  if (!ia->second.nearby.insert(b).second) {
+    ia->second.unconfirmedUntilMs.erase(b);  // found again after its matching moved
+    ib->second.unconfirmedUntilMs.erase(a);
+    return;
+  }
   ib->second.nearby.insert(a);
   ++pairsFound_;
   logf("clients %s and %s are nearby", ia->second.clientId.c_str(), ib->second.clientId.c_str());
@@ -139,6 +185,8 @@ void Hub::pairLost(ClientKey a, ClientKey b) {
   if (ia == clients_.end() || ib == clients_.end()) return;
   if (ia->second.nearby.erase(b) == 0) return;
   ib->second.nearby.erase(a);
+  ia->second.unconfirmedUntilMs.erase(b);
+  ib->second.unconfirmedUntilMs.erase(a);
   ++pairsLost_;
   logf("clients %s and %s are no longer nearby", ia->second.clientId.c_str(),
        ib->second.clientId.c_str());
@@ -152,6 +200,74 @@ void Hub::dropPairs(ClientKey client) {
   const std::set<ClientKey> partners = it->second.nearby;
   for (ClientKey other : partners)
     pairLost(client, other);
+  // Partners on other nodes hear it from the matching's owner.
+  for (const auto& [key, partner] : std::exchange(it->second.remoteNearby, {})) {
+    ++pairsLost_;
+    send(it->second, lostPush(partner.clientId));
+  }
+}
+
+Hub::Client* Hub::searching(ClientKey key) {
+  const auto it = bySearchKey_.find(key);
+  return it == bySearchKey_.end() ? nullptr : &clients_.at(it->second);
+}
+
+void Hub::partnerFound(ClientKey key, ClientKey partner, const std::string& clientId,
+                       const std::string& payload) {
+  Client* client = searching(key);
+  if (!client) return;
+  if (const auto local = bySearchKey_.find(partner); local != bySearchKey_.end())
+    return pairFound(bySearchKey_.at(key), local->second);
+  auto parsed = nlohmann::json::parse(payload, nullptr, false);
+  if (parsed.is_discarded()) parsed = nullptr;
+  const auto [it, added] =
+      client->remoteNearby.try_emplace(partner, RemotePartner{clientId, parsed});
+  if (!added) {
+    it->second.unconfirmedUntilMs = 0;  // found again after its matching moved
+    return;
+  }
+  ++pairsFound_;
+  logf("clients %s and %s are nearby", client->clientId.c_str(), clientId.c_str());
+  send(*client, foundPush(clientId, parsed));
+}
+
+void Hub::partnerLost(ClientKey key, ClientKey partner) {
+  Client* client = searching(key);
+  if (!client) return;
+  if (const auto local = bySearchKey_.find(partner); local != bySearchKey_.end())
+    return pairLost(bySearchKey_.at(key), local->second);
+  const auto it = client->remoteNearby.find(partner);
+  if (it == client->remoteNearby.end()) return;
+  ++pairsLost_;
+  logf("clients %s and %s are no longer nearby", client->clientId.c_str(),
+       it->second.clientId.c_str());
+  send(*client, lostPush(it->second.clientId));
+  client->remoteNearby.erase(it);
+}
+
+void Hub::partnerPayload(ClientKey key, ClientKey partner, const std::string& payload) {
+  Client* client = searching(key);
+  if (!client) return;
+  const auto it = client->remoteNearby.find(partner);
+  if (it == client->remoteNearby.end()) return;
+  auto parsed = nlohmann::json::parse(payload, nullptr, false);
+  it->second.payload = parsed.is_discarded() ? nullptr : std::move(parsed);
+}
+
+void Hub::partnersGone(const std::function<bool(ClientKey)>& gone) {
+  for (auto& [key, client] : clients_) {
+    for (auto it = client.remoteNearby.begin(); it != client.remoteNearby.end();) {
+      if (!gone(it->first)) {
+        ++it;
+        continue;
+      }
+      ++pairsLost_;
+      logf("clients %s and %s are no longer nearby: its node is gone", client.clientId.c_str(),
+           it->second.clientId.c_str());
+      send(client, lostPush(it->second.clientId));
+      it = client.remoteNearby.erase(it);
+    }
+  }
 }
 
 void Hub::send(const Client& client, std::string text) {

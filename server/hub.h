@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -66,6 +67,22 @@ class Hub {
   void tick();
   // Events of a matching engine with threads of its own, on the hub's thread.
   void deliver(const std::vector<MatchEvent>& events);
+
+  // News from matching on another node, about a pair of this hub's search
+  // `key` with `partner`, a search of this node or of another one (whose
+  // client id and payload come with the news).
+  void partnerFound(ClientKey key, ClientKey partner, const std::string& clientId,
+                    const std::string& payload);
+  void partnerLost(ClientKey key, ClientKey partner);
+  void partnerPayload(ClientKey key, ClientKey partner, const std::string& payload);
+  // Every pair with a search for which `gone` holds ends (its node is gone).
+  void partnersGone(const std::function<bool(ClientKey)>& gone);
+  // The pairs of search `key` must be found again within `graceMs` (its
+  // matching moved to another node, which starts afresh), or end then.
+  void reconfirmPairsOf(ClientKey key, double graceMs);
+  // This hub's search keys start at `first` (a node's own range): only
+  // before the first client.
+  void setFirstSearchKey(ClientKey first) { nextSearchKey_ = first; }
   // Runs the matching on `matching` from now on: only before the first client.
   void replaceMatching(std::unique_ptr<MatchingEngine> matching) {
     matching_ = std::move(matching);
@@ -87,6 +104,11 @@ class Hub {
   const TickTimes& tickTimes() const { return matching_->tickTimes(); }
 
  private:
+  struct RemotePartner {
+    std::string clientId;
+    nlohmann::json payload;
+    double unconfirmedUntilMs = 0;  // 0: confirmed
+  };
   struct Client {
     int64_t app = 0;
     std::string clientId;
@@ -94,6 +116,10 @@ class Hub {
     const ClientConnection* session = nullptr;  // identity of the current session
     nlohmann::json payload;
     std::set<ClientKey> nearby;
+    // Nearby searches of other nodes, by search key.
+    std::map<ClientKey, RemotePartner> remoteNearby;
+    // Nearby clients of this hub whose pair must be found again by then.
+    std::map<ClientKey, double> unconfirmedUntilMs;
     // While searching: the key its matcher knows this search by, never used
     // again, so that an event about an earlier search (late from a matching
     // thread) names nobody. 0 while not searching.
@@ -110,7 +136,11 @@ class Hub {
   // Ends every pair of `client` at once, pushing lost to both sides.
   void dropPairs(ClientKey client);
   void send(const Client& client, std::string text);
+  // The client of this hub's search `key`, if it still searches.
+  Client* searching(ClientKey key);
   void forget(ClientKey client);
+  // Ends the pairs whose time to be found again has passed.
+  void expireUnconfirmed(double nowMs);
 
   Clock clock_;
   std::unique_ptr<MatchingEngine> matching_;
@@ -118,6 +148,7 @@ class Hub {
   std::unordered_map<ClientKey, Client> clients_;
   std::unordered_map<ClientKey, ClientKey> bySearchKey_;  // search key -> client
   ClientKey nextSearchKey_ = 1;
+  bool anyUnconfirmed_ = false;
   uint64_t ignoredFrames_ = 0;
   std::size_t searching_ = 0;
   uint64_t pairsFound_ = 0;

@@ -133,6 +133,11 @@ int main(int argc, char** argv) {
   withEnv(cli.add_option("--db", databasePath,
                          "SQLite database of the issued client identities (\":memory:\" for none "
                          "on disk); default STATE_DIR/tellora-server.db"));
+  withEnv(cli.add_option("--redis", options.redisAddress,
+                         "HOST:PORT of the Redis that joins several servers behind one load "
+                         "balancer into one service: identities are kept there (configure it "
+                         "with appendonly yes) instead of in --db, and the matching is spread "
+                         "over the servers"));
   auto* certificate = withEnv(cli.add_option("--tls-cert", options.tlsCertificateChainFile,
                                              "PEM certificate chain: serve https:// and wss://"));
   auto* key = withEnv(cli.add_option("--tls-key", options.tlsPrivateKeyFile, "PEM private key"));
@@ -223,7 +228,7 @@ int main(int argc, char** argv) {
   if (options.apps.empty())
     tellora::warnf("no application configured: every application key is admitted");
 
-  if (databasePath.empty()) {
+  if (databasePath.empty() && options.redisAddress.empty()) {
     if (stateDirectory.empty()) stateDirectory = server::defaultStateDirectory();
     if (auto problem = server::prepareStateDirectory(stateDirectory)) {
       tellora::errorf("%s", problem->c_str());
@@ -239,9 +244,13 @@ int main(int argc, char** argv) {
   try {
     server::Server instance(options);
     instance.stopOnSignals();
-    tellora::logf("serving on %s:%u, database \"%s\", %zu applications",
-                  options.bindAddress.c_str(), unsigned{instance.port()},
-                  options.databasePath.c_str(), options.apps.size());
+    if (options.redisAddress.empty())
+      tellora::logf("serving on %s:%u, database \"%s\", %zu applications",
+                    options.bindAddress.c_str(), unsigned{instance.port()},
+                    options.databasePath.c_str(), options.apps.size());
+    else
+      tellora::logf("serving on %s:%u, redis %s, %zu applications", options.bindAddress.c_str(),
+                    unsigned{instance.port()}, options.redisAddress.c_str(), options.apps.size());
     std::printf("listening on %s:%u\n", options.bindAddress.c_str(), unsigned{instance.port()});
     std::fflush(stdout);
     instance.run();

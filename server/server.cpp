@@ -15,6 +15,8 @@
 #include <thread>
 
 #include "runtime/log.h"
+#include "server/cluster/cluster_matching.h"
+#include "server/cluster/redis_client_store.h"
 #include "server/listener.h"
 #include "server/matching/matching_threads.h"
 #include "server/server_context.h"
@@ -49,6 +51,20 @@ std::optional<ssl::context> makeTlsContext(const ServerOptions& options) {
   return tls;
 }
 
+std::optional<RedisAddress> redisOf(const ServerOptions& options) {
+  if (options.redisAddress.empty()) return std::nullopt;
+  auto address = parseRedisAddress(options.redisAddress);
+  if (!address)
+    throw std::invalid_argument("the Redis address \"" + options.redisAddress +
+                                "\" is not HOST:PORT");
+  return address;
+}
+
+std::unique_ptr<ClientStore> makeStore(const ServerOptions& options) {
+  if (const auto redis = redisOf(options)) return std::make_unique<RedisClientStore>(*redis);
+  return std::make_unique<SqliteClientStore>(options.databasePath);
+}
+
 }  // namespace
 
 // Member order matters: what the sessions use (store, hub, registry, TLS)
@@ -60,9 +76,9 @@ class Server::Core {
   explicit Core(ServerOptions o)
       : options(checked(o)),
         tls(makeTlsContext(options)),
-        store(options.databasePath),
+        store(makeStore(options)),
         addressLimits(AddressLimits::from(options.limits)),
-        context{options, store, hub, registry, addressLimits, limitLogs, tls ? &*tls : nullptr},
+        context{options, *store, hub, registry, addressLimits, limitLogs, tls ? &*tls : nullptr},
         io(1),
         tick(io),
         stopTimer(io),
@@ -76,12 +92,43 @@ class Server::Core {
   ~Core() { hub.stopMatching(); }
 
   std::unique_ptr<MatchingEngine> makeMatching() {
+    if (const auto redis = redisOf(options)) return makeClusterMatching(*redis);
     if (options.limits.matchingThreads == 0) return nullptr;
-    return std::make_unique<MatchingThreads>(
-        MatcherConfig{}, options.limits.matchingThreads, options.limits.matchTick, serverClockMs,
-        [this](std::vector<MatchEvent> events) {
-          net::post(io, [this, events = std::move(events)] { hub.deliver(events); });
-        });
+    return makeLocalMatching([this](std::vector<MatchEvent> events) {
+      net::post(io, [this, events = std::move(events)] { hub.deliver(events); });
+    });
+  }
+
+  std::unique_ptr<MatchingEngine> makeLocalMatching(MatchEventsDelivery deliver) {
+    if (options.limits.matchingThreads == 0)
+      return std::make_unique<InlineMatching>(MatcherConfig{});
+    return std::make_unique<MatchingThreads>(MatcherConfig{}, options.limits.matchingThreads,
+                                             options.limits.matchTick, serverClockMs,
+                                             std::move(deliver));
+  }
+
+  std::unique_ptr<MatchingEngine> makeClusterMatching(const RedisAddress& redis) {
+    ClusterMatching::Reports reports{
+        [this](const std::vector<MatchEvent>& events) { hub.deliver(events); },
+        [this](const ClusterMessage& news) {
+          using Kind = ClusterMessage::Kind;
+          if (news.kind == Kind::found)
+            hub.partnerFound(news.key, news.partner, news.clientId, news.payload);
+          else if (news.kind == Kind::lost)
+            hub.partnerLost(news.key, news.partner);
+          else if (news.kind == Kind::partnerPayload)
+            hub.partnerPayload(news.key, news.partner, news.payload);
+        },
+        [this](const std::set<uint64_t>& nodes) {
+          hub.partnersGone([&](ClientKey key) { return nodes.contains(nodeOfSearch(key)); });
+        },
+        [this](ClientKey key) { hub.reconfirmPairsOf(key, kReconfirmMs); }};
+    auto cluster = std::make_unique<ClusterMatching>(
+        redis,
+        [this](MatchEventsDelivery deliver) { return makeLocalMatching(std::move(deliver)); },
+        [this](std::function<void()> work) { net::post(io, std::move(work)); }, std::move(reports));
+    hub.setFirstSearchKey(cluster->firstSearchKey());
+    return cluster;
   }
 
   void begin() {
@@ -177,7 +224,7 @@ class Server::Core {
 
   ServerOptions options;
   std::optional<ssl::context> tls;
-  ClientStore store;
+  std::unique_ptr<ClientStore> store;
   Hub hub;
   ConnectionRegistry registry;
   AddressLimits addressLimits;

@@ -70,6 +70,10 @@ struct ServerOptions {
   std::vector<AppCredential> apps;
   // SQLite database of the issued identities; ":memory:" keeps them in memory.
   std::string databasePath = "tellora-server.db";
+  // "host:port" of the Redis that joins several nodes into one service: the
+  // identities live there instead of in the database, and the matching is
+  // spread over the nodes. Empty: one node on its own.
+  std::string redisAddress;
   // Both set: everything on the port is https:// and wss://.
   std::string tlsCertificateChainFile;
   std::string tlsPrivateKeyFile;

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <string>
 #include <vector>
 
 #include "server/matcher/matcher.h"
@@ -13,10 +15,18 @@
 
 namespace tellora::server {
 
+// Hands events from a thread of the engine's own to the hub's thread.
+using MatchEventsDelivery = std::function<void(std::vector<MatchEvent>)>;
+
 class MatchingEngine {
  public:
   virtual ~MatchingEngine() = default;
   virtual void start(int64_t app, ClientKey key, double nowMs) = 0;
+  // Who the search is and the payload (JSON text) its partners see: after
+  // start(), and again when the payload changes. Only an engine whose events
+  // may reach another node's clients needs it.
+  virtual void describe(int64_t /*app*/, ClientKey /*key*/, const std::string& /*clientId*/,
+                        const std::string& /*payload*/) {}
   virtual void end(int64_t app, ClientKey key, double nowMs) = 0;
   virtual void addFingerprint(int64_t app, ClientKey key, std::vector<uint32_t> words,
                               double stimeMs, double nowMs) = 0;

@@ -19,7 +19,7 @@ class MatchingThreads final : public MatchingEngine {
  public:
   using Clock = std::function<double()>;
   // Called on a matching thread.
-  using Deliver = std::function<void(std::vector<MatchEvent>)>;
+  using Deliver = MatchEventsDelivery;
 
   MatchingThreads(MatcherConfig config, std::size_t threads, std::chrono::milliseconds tick,
                   Clock clock, Deliver deliver);

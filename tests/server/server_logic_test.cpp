@@ -253,7 +253,7 @@ TEST(AppCredentials, ParseIdColonSecret) {
 using Verdict = ClientStore::Verdict;
 
 TEST(ClientStore, IssuesDistinctUnguessableIdentitiesAndAcceptsOnlyTheirSecrets) {
-  ClientStore store(":memory:");
+  SqliteClientStore store(":memory:");
   std::set<std::string> ids, secrets;
   std::set<ClientKey> keys;
   for (int i = 0; i < 50; ++i) {
@@ -282,10 +282,10 @@ TEST(ClientStore, IdentitiesSurviveReopeningTheFileWithoutTheirSecrets) {
   const std::string path = dir.file("clients.db");
   IssuedIdentity identity;
   {
-    ClientStore store(path);
+    SqliteClientStore store(path);
     identity = *store.issue(9, R"({"os":"Linux"})");
   }
-  ClientStore reopened(path);
+  SqliteClientStore reopened(path);
   const auto again = reopened.authenticate(identity.clientId, identity.clientSecret);
   EXPECT_EQ(again.verdict, Verdict::accepted);
   EXPECT_EQ(again.key, identity.key);
@@ -301,8 +301,8 @@ TEST(ClientStore, IdentitiesSurviveReopeningTheFileWithoutTheirSecrets) {
 TEST(ClientStore, AFileThatIsNotADatabaseIsRefused) {
   testtools::ScratchDir dir;
   std::ofstream(dir.file("not.db")) << "this is not an SQLite database, not even close, no header";
-  EXPECT_THROW(ClientStore{dir.file("not.db")}, std::runtime_error);
-  EXPECT_THROW(ClientStore{dir.file("missing-folder/clients.db")}, std::runtime_error);
+  EXPECT_THROW(SqliteClientStore{dir.file("not.db")}, std::runtime_error);
+  EXPECT_THROW(SqliteClientStore{dir.file("missing-folder/clients.db")}, std::runtime_error);
 }
 
 // --- The shares of one address -------------------------------------------------------

@@ -419,7 +419,7 @@ TEST_F(ServerTest, RegistrationOutcomesAndSessionsShowInTheMetricsScrape) {
 
 TEST(OperatorReply, HealthTurnsTo503WhileDraining) {
   ServerOptions options;
-  ClientStore store(":memory:");
+  SqliteClientStore store(":memory:");
   Hub hub;
   ConnectionRegistry registry;
   AddressLimits addressLimits(AddressLimits::from(options.limits));
