@@ -73,6 +73,12 @@ bench-load: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target tellora_server bench_load
 	@$(BUILD_DIR)/bench/load --clients $(LOAD_CLIENTS)
 
+# The same through NODES servers (default 3) joined by a Redis the script starts.
+.PHONY: bench-cluster
+bench-cluster: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target tellora_server bench_load
+	@LOAD_CLIENTS=$(LOAD_CLIENTS) scripts/bench-cluster.sh $(BUILD_DIR)
+
 clean:
 	@rm -rf $(BUILD_DIR)
 

@@ -209,17 +209,20 @@ enum class ErrorKind { kConnect, kRefused, kClosed, kIo, kBadFrame };
 
 class Round {
  public:
-  Round(const Endpoint& server, const std::vector<Identity>& identities, const LoadPlan& plan,
-        const RoomStreams& streams, const RoundOptions& options, const RoundHooks& hooks)
-      : endpoint_(endpointOf(server)),
-        host_(server.host + ":" + std::to_string(server.port)),
-        identities_(identities),
+  Round(const std::vector<Endpoint>& servers, const std::vector<Identity>& identities,
+        const LoadPlan& plan, const RoomStreams& streams, const RoundOptions& options,
+        const RoundHooks& hooks)
+      : identities_(identities),
         plan_(plan),
         streams_(streams),
         options_(options),
         hooks_(hooks),
         control_(ioc_),
         pumpTimer_(ioc_) {
+    for (const auto& server : servers) {
+      endpoints_.push_back(endpointOf(server));
+      hosts_.push_back(server.host + ":" + std::to_string(server.port));
+    }
     for (size_t i = 0; i < plan.phones.size(); ++i) {
       phones_.push_back(std::make_unique<Phone>(ioc_));
       phones_.back()->index = static_cast<int>(i);
@@ -253,7 +256,8 @@ class Round {
   void connect(Phone& phone) {
     if (phase_ >= Phase::kDrain) return;
     phone.state = PhoneState::kConnecting;
-    phone.ws.next_layer().async_connect(endpoint_, [this, &phone](beast::error_code ec) {
+    const auto& endpoint = endpoints_[static_cast<size_t>(phone.index) % endpoints_.size()];
+    phone.ws.next_layer().async_connect(endpoint, [this, &phone](beast::error_code ec) {
       if (ec) return fail(phone, ErrorKind::kConnect, "connect: " + ec.message());
       phone.ws.next_layer().set_option(tcp::no_delay(true));
       upgrade(phone);
@@ -274,7 +278,8 @@ class Round {
       request.set("app_version", "1.0");
     }));
     phone.ws.read_message_max(1 << 20);
-    phone.ws.async_handshake(phone.upgrade, host_, "/ws", [this, &phone](beast::error_code ec) {
+    const auto& host = hosts_[static_cast<size_t>(phone.index) % hosts_.size()];
+    phone.ws.async_handshake(phone.upgrade, host, "/ws", [this, &phone](beast::error_code ec) {
       if (ec == websocket::error::upgrade_declined)
         return fail(phone, ErrorKind::kRefused,
                     "upgrade declined: HTTP " + std::to_string(phone.upgrade.result_int()));
@@ -661,8 +666,8 @@ class Round {
   }
 
   asio::io_context ioc_{1};
-  tcp::endpoint endpoint_;
-  std::string host_;
+  std::vector<tcp::endpoint> endpoints_;
+  std::vector<std::string> hosts_;
   const std::vector<Identity>& identities_;
   const LoadPlan& plan_;
   const RoomStreams& streams_;
@@ -691,10 +696,10 @@ std::vector<Identity> registerIdentities(const Endpoint& server, int appId,
   return Registrar(server, appId, appSecret, count).run(parallel, error);
 }
 
-RoundResult runRound(const Endpoint& server, const std::vector<Identity>& identities,
+RoundResult runRound(const std::vector<Endpoint>& servers, const std::vector<Identity>& identities,
                      const LoadPlan& plan, const RoomStreams& streams, const RoundOptions& options,
                      const RoundHooks& hooks) {
-  return Round(server, identities, plan, streams, options, hooks).run();
+  return Round(servers, identities, plan, streams, options, hooks).run();
 }
 
 }  // namespace tellora::load

@@ -81,7 +81,9 @@ struct RoundResult {
   bool serverGone = false;  // the server exited during the round, which was cut short
 };
 
-RoundResult runRound(const Endpoint& server, const std::vector<Identity>& identities,
+// Phone i connects to servers[i % servers.size()]: the phones of a room
+// (consecutive numbers) meet on different nodes of a cluster.
+RoundResult runRound(const std::vector<Endpoint>& servers, const std::vector<Identity>& identities,
                      const LoadPlan& plan, const RoomStreams& streams, const RoundOptions& options,
                      const RoundHooks& hooks);
 

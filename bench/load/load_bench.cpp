@@ -1,11 +1,12 @@
-// How many searching clients one tellora-server node serves: starts the real
-// server, emulates phones in rooms of 2-3 that hear the same sound (the
+// How many searching clients one tellora-server node (or several joined
+// through Redis) serves: starts the real server, emulates phones in rooms of 2-3 that hear the same sound (the
 // discovery benchmark's simulated rooms, each emulated room under its own
 // word mask and from its own place in the sound), and measures a steady
 // window per number of clients.
 //
 //   load [--clients 200,1000,2000] [--ramp S] [--window S] [--server PATH]
 //        [--rooms N] [--seconds S] [--seed K] [--cache FILE] [--server-log FILE]
+//        [--nodes N --redis HOST:PORT]
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -14,6 +15,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <optional>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -26,6 +29,7 @@
 #include "bench/load/load_table.h"
 #include "bench/load/room_streams.h"
 #include "bench/load/server_process.h"
+#include "server/cluster/redis_connection.h"
 
 using namespace tellora;
 using namespace tellora::load;
@@ -70,6 +74,57 @@ int countLogWarnings(const std::string& path, std::streamoff& offset) {
   return count;
 }
 
+// The nodes under test, and the Redis between them: their CPU is the
+// service's, summed.
+struct Servers {
+  std::vector<ServerProcess> processes;
+  std::optional<tellora::server::RedisConnection> redis;
+
+  bool running() {
+    return std::all_of(processes.begin(), processes.end(), [](auto& p) { return p.running(); });
+  }
+  double cpuSeconds() {
+    double total = redis ? redisCpuSeconds() : 0;
+    for (const auto& p : processes)
+      total += p.cpuSeconds();
+    return total;
+  }
+  double runQueueSeconds() const {
+    double total = 0;
+    for (const auto& p : processes)
+      total += p.runQueueSeconds();
+    return total;
+  }
+  long sum(long (ServerProcess::*field)() const) const {
+    long total = 0;
+    for (const auto& p : processes)
+      total += (p.*field)();
+    return total;
+  }
+  // Redis reports its own CPU (user + system), in seconds.
+  double redisCpuSeconds() {
+    const auto info = redis->command({"INFO", "cpu"});
+    if (!info) return 0;
+    double total = 0;
+    for (const char* field : {"used_cpu_sys:", "used_cpu_user:"}) {
+      const auto at = info->string.find(field);
+      if (at != std::string::npos) total += std::atof(info->string.c_str() + at + std::strlen(field));
+    }
+    return total;
+  }
+  bool stop() {
+    bool clean = true;
+    for (auto& p : processes) {
+      const int exit = p.stop(15);
+      if (exit != 0) {
+        std::fprintf(stderr, "load: a server exited with status %d on SIGTERM\n", exit);
+        clean = false;
+      }
+    }
+    return clean;
+  }
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -81,6 +136,8 @@ int main(int argc, char** argv) {
   double rampSeconds = 10, windowSeconds = 20;
   uint32_t seed = 1;
   bool verbose = false;
+  int nodes = 1;
+  std::string redis;
   scenes::RoomSet set;
   set.seconds = 60;
 
@@ -108,7 +165,15 @@ int main(int argc, char** argv) {
   app.add_option("--cache", cache, "file keeping the simulated rooms between runs")
       ->capture_default_str();
   app.add_flag("--verbose", verbose, "report every failing client");
+  app.add_option("--nodes", nodes, "servers joined through --redis; phones spread over them")
+      ->check(CLI::Range(1, 16))
+      ->capture_default_str();
+  app.add_option("--redis", redis, "HOST:PORT of a Redis for --nodes above 1 (its CPU counts)");
   CLI11_PARSE(app, argc, argv);
+  if (nodes > 1 && redis.empty()) {
+    std::fprintf(stderr, "load: --nodes above 1 needs --redis\n");
+    return 2;
+  }
   // The table and the error lines on stderr keep their order in a log.
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
@@ -131,41 +196,52 @@ int main(int argc, char** argv) {
   // The per-address shares and the registration pace would stop one host
   // from opening this many sessions.
   const std::string capacity = std::to_string(most + 64);
-  const std::vector<std::string> args{"--bind",
-                                      "127.0.0.1",
-                                      "--db",
-                                      ":memory:",
-                                      "--drain-seconds",
-                                      "2",
-                                      "--max-connections",
-                                      capacity,
-                                      "--max-connections-per-address",
-                                      capacity,
-                                      "--max-pending-per-address",
-                                      capacity,
-                                      "--registration-burst",
-                                      "1e9",
-                                      "--registrations-per-second",
-                                      "1e9"};
+  std::vector<std::string> args{"--bind",
+                                "127.0.0.1",
+                                "--db",
+                                ":memory:",
+                                "--drain-seconds",
+                                "2",
+                                "--max-connections",
+                                capacity,
+                                "--max-connections-per-address",
+                                capacity,
+                                "--max-pending-per-address",
+                                capacity,
+                                "--registration-burst",
+                                "1e9",
+                                "--registrations-per-second",
+                                "1e9"};
+  if (!redis.empty()) args.insert(args.end(), {"--redis", redis});
   // The application comes through the environment: on the command line other
   // users could read its secret (and the server warns about it).
   const std::string application = std::to_string(kAppId) + ":" + kAppSecret;
   setenv("TELLORA_SERVER_APP", application.c_str(), 1);
   std::string error;
-  auto server = ServerProcess::start(serverPath, args, serverLog, error);
-  if (!server) {
-    std::fprintf(stderr, "load: %s\n", error.c_str());
-    return 1;
+  Servers servers;
+  std::vector<Endpoint> endpoints;
+  std::vector<std::string> logs;
+  for (int i = 0; i < nodes; ++i) {
+    const std::string log = nodes == 1 ? serverLog : serverLog + "." + std::to_string(i + 1);
+    auto server = ServerProcess::start(serverPath, args, log, error);
+    if (!server) {
+      std::fprintf(stderr, "load: %s\n", error.c_str());
+      return 1;
+    }
+    std::printf("load: %s (pid %d) on port %u, log in %s\n", serverPath.c_str(), server->pid(),
+                server->port(), log.c_str());
+    endpoints.push_back(Endpoint{"127.0.0.1", server->port()});
+    logs.push_back(log);
+    servers.processes.push_back(std::move(*server));
   }
-  const Endpoint endpoint{"127.0.0.1", server->port()};
-  std::printf("load: %s (pid %d) on port %u, log in %s\n", serverPath.c_str(), server->pid(),
-              server->port(), serverLog.c_str());
+  if (!redis.empty()) servers.redis.emplace(*tellora::server::parseRedisAddress(redis));
+  const Endpoint endpoint = endpoints.front();
 
   const auto registerStart = std::chrono::steady_clock::now();
   const auto identities = registerIdentities(endpoint, kAppId, kAppSecret, most, 16, error);
   if (identities.empty()) {
     std::fprintf(stderr, "load: %s\n", error.c_str());
-    server->stop(10);
+    servers.stop();
     return 1;
   }
   std::printf(
@@ -178,12 +254,18 @@ int main(int argc, char** argv) {
   options.rampMs = rampSeconds * 1000;
   options.windowMs = windowSeconds * 1000;
   options.verbose = verbose;
-  std::streamoff logOffset = 0;
-  countLogWarnings(serverLog, logOffset);
+  std::vector<std::streamoff> logOffsets(logs.size(), 0);
+  auto logWarnings = [&] {
+    int count = 0;
+    for (size_t i = 0; i < logs.size(); ++i)
+      count += countLogWarnings(logs[i], logOffsets[i]);
+    return count;
+  };
+  logWarnings();
   int status = 0;
   for (const int n : clients) {
-    if (!server->running()) {
-      std::fprintf(stderr, "load: the server has gone (see %s)\n", serverLog.c_str());
+    if (!servers.running()) {
+      std::fprintf(stderr, "load: a server has gone (see %s)\n", serverLog.c_str());
       return 1;
     }
     const LoadPlan plan = makePlan(streams, n, options.rampMs, seed + static_cast<uint32_t>(n));
@@ -191,35 +273,31 @@ int main(int argc, char** argv) {
     double cpuAtStart = 0, waitAtStart = 0;
     RoundHooks hooks;
     hooks.windowStart = [&] {
-      cpuAtStart = server->cpuSeconds();
-      waitAtStart = server->runQueueSeconds();
+      cpuAtStart = servers.cpuSeconds();
+      waitAtStart = servers.runQueueSeconds();
     };
-    hooks.serverRunning = [&] { return server->running(); };
+    hooks.serverRunning = [&] { return servers.running(); };
     hooks.windowEnd = [&] {
-      sample.cpuSeconds = server->cpuSeconds() - cpuAtStart;
-      sample.runQueueSeconds = server->runQueueSeconds() - waitAtStart;
-      sample.rssKb = server->rssKb();
-      sample.peakRssKb = server->peakRssKb();
+      sample.cpuSeconds = servers.cpuSeconds() - cpuAtStart;
+      sample.runQueueSeconds = servers.runQueueSeconds() - waitAtStart;
+      sample.rssKb = servers.sum(&ServerProcess::rssKb);
+      sample.peakRssKb = servers.sum(&ServerProcess::peakRssKb);
     };
-    const RoundResult round = runRound(endpoint, identities, plan, streams, options, hooks);
+    const RoundResult round = runRound(endpoints, identities, plan, streams, options, hooks);
     // Let the server take the closed sessions down: what it then still holds
     // is what a round left behind.
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    sample.idleRssKb = server->rssKb();
-    sample.logWarnings = countLogWarnings(serverLog, logOffset);
+    sample.idleRssKb = servers.sum(&ServerProcess::rssKb);
+    sample.logWarnings = logWarnings();
     printRow(stdout, round, sample);
     printErrors(stdout, round);
     if (round.errors.total() > 0 || round.falseFound > 0) status = 1;
     if (round.serverGone) {
-      std::fprintf(stderr, "load: the server has gone (see %s)\n", serverLog.c_str());
+      std::fprintf(stderr, "load: a server has gone (see %s)\n", serverLog.c_str());
       return 1;
     }
   }
 
-  const int exit = server->stop(15);
-  if (exit != 0) {
-    std::fprintf(stderr, "load: the server exited with status %d on SIGTERM\n", exit);
-    status = 1;
-  }
+  if (!servers.stop()) status = 1;
   return status;
 }

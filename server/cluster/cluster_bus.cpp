@@ -29,6 +29,7 @@ constexpr const char* kLeaseScript =
     "return redis.call('ZRANGEBYSCORE', KEYS[1], now, '+inf')";
 
 constexpr std::chrono::milliseconds kPollInterval{100};
+constexpr std::chrono::milliseconds kPublishTimeout{3000};
 
 }  // namespace
 
@@ -74,21 +75,37 @@ void ClusterBus::publish(uint64_t node, std::string_view message) {
       dropped_ += message.size();
       return;
     }
+    if (frames_.empty()) firstQueuedAt_ = std::chrono::steady_clock::now();
     queuedBytes_ += message.size();
     frames_[node].append(message);
+    // The publisher waits out the batch delay by itself; it is woken only
+    // for the first message and for a full batch.
+    if (queuedBytes_ != message.size() && queuedBytes_ < kBatchBytes) return;
   }
   wake_.notify_one();
 }
 
 void ClusterBus::publishLoop() {
-  RedisConnection redis(address_);
+  // A thread of its own can wait out a Redis that stalls for a moment (a
+  // loaded machine, a fork for a snapshot) rather than drop what it carries.
+  RedisConnection redis(address_, kPublishTimeout);
   auto nextLease = std::chrono::steady_clock::now();
   for (;;) {
     std::map<uint64_t, std::string> frames;
     {
+      // Messages wait up to kBatchDelay for company: one PUBLISH then carries
+      // a node's messages of a few milliseconds, not one each.
       std::unique_lock lock(mutex_);
-      wake_.wait_until(lock, nextLease, [&] { return stopping_ || !frames_.empty(); });
-      if (stopping_) return;
+      for (;;) {
+        if (stopping_) return;
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= nextLease) break;
+        if (!frames_.empty() &&
+            (now >= firstQueuedAt_ + kBatchDelay || queuedBytes_ >= kBatchBytes))
+          break;
+        wake_.wait_until(
+            lock, frames_.empty() ? nextLease : std::min(nextLease, firstQueuedAt_ + kBatchDelay));
+      }
       frames.swap(frames_);
       queuedBytes_ = 0;
     }
@@ -112,12 +129,11 @@ void ClusterBus::renewLease(RedisConnection& redis) {
   const auto reply = redis.command({"EVAL", kLeaseScript, "1", kNodeLeases, std::to_string(nodeId_),
                                     std::to_string(kLease.count())});
   const auto now = std::chrono::steady_clock::now();
-  if (!reply || reply->kind != RedisValue::Kind::array) {
-    leaseRenewed_ = false;
-    return;
-  }
-  if (!leaseRenewed_) connectedSince_ = now;
-  leaseRenewed_ = true;
+  if (!reply || reply->kind != RedisValue::Kind::array) return;
+  // After a gap in this node's renewals (Redis away or stalled, or this node
+  // held up) the others' leases may have lapsed through no fault of theirs.
+  if (now - lastRenewedAt_ > 2 * kLeaseRenewal) connectedSince_ = now;
+  lastRenewedAt_ = now;
   std::vector<uint64_t> nodes{nodeId_};
   for (const auto& element : reply->elements) {
     try {

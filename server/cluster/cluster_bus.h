@@ -8,8 +8,9 @@
 // queued frames, the lease and the list of nodes) and a subscriber. While
 // Redis is unreachable, frames are dropped (counted) and the list of nodes is
 // kept as it was: an outage of Redis must not look like the death of every
-// other node. For a moment after Redis comes back, nodes are only added, so
-// that nodes which have not renewed their lease yet are not taken for dead.
+// other node. For a moment after Redis comes back (or after any gap in this
+// node's renewals), nodes are only added, so that nodes which have not
+// renewed their lease yet are not taken for dead.
 #pragma once
 
 #include <atomic>
@@ -54,6 +55,10 @@ class ClusterBus {
   static constexpr std::size_t kMaxQueuedBytes = std::size_t{64} << 20;
   static constexpr std::chrono::milliseconds kLeaseRenewal{500};
   static constexpr std::chrono::milliseconds kLease{2000};
+  // A message waits at most this long for others to share its PUBLISH (a
+  // client's part lasts 232 ms), or until this many bytes are queued.
+  static constexpr std::chrono::milliseconds kBatchDelay{5};
+  static constexpr std::size_t kBatchBytes = 256 << 10;
 
  private:
   void publishLoop();
@@ -69,6 +74,7 @@ class ClusterBus {
   std::condition_variable wake_;
   std::map<uint64_t, std::string> frames_;  // by node
   std::size_t queuedBytes_ = 0;
+  std::chrono::steady_clock::time_point firstQueuedAt_{};
   bool stopping_ = false;
   std::atomic<bool> stopped_{false};
   std::atomic<uint64_t> dropped_{0};
@@ -76,7 +82,7 @@ class ClusterBus {
   // Publisher thread only.
   std::vector<uint64_t> nodes_;
   std::chrono::steady_clock::time_point connectedSince_{};
-  bool leaseRenewed_ = false;
+  std::chrono::steady_clock::time_point lastRenewedAt_{};
 
   std::thread publisher_;
   std::thread subscriber_;
