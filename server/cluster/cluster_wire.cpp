@@ -48,7 +48,7 @@ class Reader {
     uint32_t count = 0;
     if (!get(count) || count > kMaxWords || bytes_.size() / sizeof(uint32_t) < count) return false;
     words.resize(count);
-    std::memcpy(words.data(), bytes_.data(), count * sizeof(uint32_t));
+    if (count != 0) std::memcpy(words.data(), bytes_.data(), count * sizeof(uint32_t));
     bytes_.remove_prefix(count * sizeof(uint32_t));
     return true;
   }
@@ -133,7 +133,9 @@ void appendMessage(std::string& frame, const ClusterMessage& m) {
       put(body, m.key);
       put(body, m.stimeMs);
       put<uint32_t>(body, static_cast<uint32_t>(m.words.size()));
-      body.append(reinterpret_cast<const char*>(m.words.data()), m.words.size() * sizeof(uint32_t));
+      if (!m.words.empty())
+        body.append(reinterpret_cast<const char*>(m.words.data()),
+                    m.words.size() * sizeof(uint32_t));
       break;
     case Kind::found:
       put(body, m.key);

@@ -10,6 +10,7 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <tuple>
 
 #include "audio/portaudio_start_errors.h"
 #include "tests/audio/recorder_test_support.h"
@@ -19,9 +20,9 @@ namespace {
 
 using audiotest::LoopRecorder;
 using audiotest::RecorderNotifications;
-using audiotest::RecordingDelegate;
 using std::chrono::milliseconds;
-using SteadyTime = std::chrono::steady_clock::time_point;
+
+const TLRAudioStartResult kFailure = TLRAudioStartResult::failure(-1, "Pa_StartStream");
 
 // A backend the test steers: start results come from a script (success once
 // the script is used up), and the test delivers blocks through the sink of the
@@ -30,11 +31,9 @@ struct FakeAudioBackend : std::enable_shared_from_this<FakeAudioBackend> {
   struct State {
     std::deque<TLRAudioStartResult> script;
     std::optional<milliseconds> stallTimeout;
-    std::optional<TLRAudioSourceFormat> lastFormat;
-    std::vector<SteadyTime> startTimes;
+    std::vector<audiotest::SteadyTime> startTimes;
     TLRAudioSource::BlockSink sink;  // of the newest started source, even once stopped
     int sourcesMade = 0, stops = 0;
-    bool running = false;
   };
   // Reads or changes the state under the lock.
   template <class F>
@@ -42,40 +41,32 @@ struct FakeAudioBackend : std::enable_shared_from_this<FakeAudioBackend> {
     std::lock_guard lock(mutex);
     return f(state_);
   }
+  State state() {
+    return with([](State& s) { return s; });
+  }
   struct Source final : TLRAudioSource {
     explicit Source(std::shared_ptr<FakeAudioBackend> b) : backend(std::move(b)) {}
-    TLRAudioStartResult start(const TLRAudioSourceFormat& format, BlockSink sink) override {
+    TLRAudioStartResult start(const TLRAudioSourceFormat&, BlockSink sink) override {
       return backend->with([&](State& s) {
         s.startTimes.push_back(std::chrono::steady_clock::now());
-        s.lastFormat = format;
-        if (s.script.empty()) s.script.push_back(TLRAudioStartResult::success());
-        const TLRAudioStartResult result = s.script.front();
-        s.script.pop_front();
-        if (result.ok()) {
-          s.sink = std::move(sink);
-          s.running = true;
-        }
+        const TLRAudioStartResult result =
+            s.script.empty() ? TLRAudioStartResult::success() : s.script.front();
+        if (!s.script.empty()) s.script.pop_front();
+        if (result.ok()) s.sink = std::move(sink);
         return result;
       });
     }
     void stop() override {
-      backend->with([](State& s) {
-        ++s.stops;
-        s.running = false;
-      });
+      backend->with([](State& s) { return ++s.stops; });
     }
     std::optional<milliseconds> stallTimeout() const override {
       return backend->with([](State& s) { return s.stallTimeout; });
     }
     std::shared_ptr<FakeAudioBackend> backend;
   };
-
-  State state() {
-    return with([](State& s) { return s; });
-  }
   TLRAudioSourceFactory factory() {
     return [backend = shared_from_this()] {
-      backend->with([](State& s) { ++s.sourcesMade; });
+      backend->with([](State& s) { return ++s.sourcesMade; });
       return std::make_unique<Source>(backend);
     };
   }
@@ -97,7 +88,7 @@ class RecorderTest : public ::testing::Test {
   RecorderNotifications notifications_;
   std::unique_ptr<LoopRecorder> recorder_ =
       std::make_unique<LoopRecorder>(8000.0, backend_->factory(), unit_);
-  std::shared_ptr<RecordingDelegate> delegate_ = recorder_->delegate;
+  std::shared_ptr<audiotest::RecordingDelegate> delegate_ = recorder_->delegate;
 };
 
 TEST_F(RecorderTest, NotPermittedReportsError101AndNeverRetries) {
@@ -105,37 +96,27 @@ TEST_F(RecorderTest, NotPermittedReportsError101AndNeverRetries) {
   recorder_->start();
 
   ASSERT_TRUE(testing::waitUntil([&] { return delegate_->errors.size() == 1; }));
-  const TLRError error = delegate_->errors.values().front();
-  EXPECT_EQ(error, TLRError::make(101, {{"message", std::string("Microphone is disabled")}}));
+  EXPECT_EQ(delegate_->errors.values().front(),
+            TLRError::make(101, {{"message", std::string("Microphone is disabled")}}));
   EXPECT_FALSE(recorder_->isRec());
   EXPECT_EQ(backend_->state().stops, 1) << "a refused source is released";
 
   std::this_thread::sleep_for(unit_ * 3);
   EXPECT_EQ(backend_->state().sourcesMade, 1);
-  EXPECT_TRUE(notifications_.entries().empty());
   EXPECT_EQ(delegate_->errors.size(), 1u);
 }
 
-// What PortAudio reports for a device another program holds: both are retried.
-TLRAudioStartResult busyDevice(bool hostError) {
-  const PaHostErrorInfo ebusy{paALSA, -EBUSY, "Device or resource busy"};
-  return hostError ? classifyPortAudioFailure(paUnanticipatedHostError, &ebusy, "Pa_StartStream")
-                   : classifyPortAudioFailure(paDeviceUnavailable, nullptr, "Pa_OpenStream");
-}
-
-TEST_F(RecorderTest, ABusyDeviceIsRetriedWithGrowingDelayUntilItRecords) {
-  backend_->with([](auto& s) { s.script = {busyDevice(false), busyDevice(true)}; });
+// The messages themselves are checked end to end in the fault tests.
+TEST_F(RecorderTest, AFailedStartIsRetriedWithGrowingDelayUntilItRecords) {
+  backend_->with([](auto& s) { s.script = {kFailure, kFailure}; });
   recorder_->start();
   EXPECT_FALSE(recorder_->isRec());
 
   ASSERT_TRUE(notifications_.waitForCount(TLRAudioConnectSuccNotification, 1));
   const auto entries = notifications_.entries();
   ASSERT_EQ(entries.size(), 3u);
-  EXPECT_EQ(entries[0].name, "audioError");
-  EXPECT_EQ(entries[0].message, "Error with code -9985 occure - Pa_OpenStream attemptCount == 2");
-  EXPECT_EQ(entries[1].message, "Error with code -9999 occure - Pa_StartStream attemptCount == 3");
   EXPECT_EQ(entries[2].name, "audioConnectSucc");
-  EXPECT_EQ(delegate_->errors.size(), 0u) << "a busy microphone is not a disabled one";
+  EXPECT_EQ(delegate_->errors.size(), 0u) << "a failed start is not a disabled microphone";
 
   const auto starts = backend_->state().startTimes;
   ASSERT_EQ(starts.size(), 3u);
@@ -153,26 +134,22 @@ TEST_F(RecorderTest, ABusyDeviceIsRetriedWithGrowingDelayUntilItRecords) {
   ASSERT_TRUE(delegate_->waitForBlocks(1));
 }
 
-// Only a device that refuses this user is a disabled microphone.
+// Only a device that refuses this user is a disabled microphone; a busy one
+// (another program holds it) is retried.
 TEST(PortAudioStartErrorsTest, OnlyAnAccessRefusalIsNotPermitted) {
-  struct Case {
-    PaError error;
-    PaHostApiTypeId api;
-    long hostCode;
-    bool notPermitted;
-  };
-  for (const Case c :
-       {Case{paDeviceUnavailable, paALSA, 0, false}, Case{paInvalidDevice, paALSA, 0, false},
-        Case{paUnanticipatedHostError, paALSA, -EBUSY, false},
-        Case{paUnanticipatedHostError, paALSA, -EACCES, true},
-        Case{paUnanticipatedHostError, paOSS, EPERM, true},
-        // JACK's codes are not errno values.
-        Case{paUnanticipatedHostError, paJACK, EACCES, false}}) {
-    const PaHostErrorInfo host{c.api, c.hostCode, ""};
-    const auto result = classifyPortAudioFailure(c.error, &host, "Pa_OpenStream");
-    EXPECT_EQ(result.kind == TLRAudioStartResult::Kind::notPermitted, c.notPermitted)
-        << "error " << c.error << " host " << c.hostCode;
-    EXPECT_EQ(result.status, c.error);
+  const std::tuple<PaError, PaHostApiTypeId, long, bool> cases[] = {
+      {paDeviceUnavailable, paALSA, 0, false},
+      {paInvalidDevice, paALSA, 0, false},
+      {paUnanticipatedHostError, paALSA, -EBUSY, false},
+      {paUnanticipatedHostError, paALSA, -EACCES, true},
+      {paUnanticipatedHostError, paOSS, EPERM, true},
+      {paUnanticipatedHostError, paJACK, EACCES, false}};  // JACK's codes are not errno values
+  for (const auto& [error, api, hostCode, notPermitted] : cases) {
+    const PaHostErrorInfo host{api, hostCode, ""};
+    const auto result = classifyPortAudioFailure(error, &host, "Pa_OpenStream");
+    EXPECT_EQ(result.kind == TLRAudioStartResult::Kind::notPermitted, notPermitted)
+        << "error " << error << " host " << hostCode;
+    EXPECT_EQ(result.status, error);
   }
 }
 
@@ -180,9 +157,6 @@ TEST_F(RecorderTest, StartAndStopActOnlyOnAChangeAndEveryStartBuildsAFreshSource
   recorder_->stop();
   EXPECT_EQ(backend_->state().sourcesMade, 0);
   recorder_->start();
-  // The format the hasher expects.
-  EXPECT_EQ(backend_->state().lastFormat->sampleRate, 8000.0);
-  EXPECT_EQ(backend_->state().lastFormat->itemsPerBlock, 800u);
   recorder_->start();
   EXPECT_EQ(backend_->state().sourcesMade, 1);
   recorder_->stop();
@@ -195,39 +169,25 @@ TEST_F(RecorderTest, StartAndStopActOnlyOnAChangeAndEveryStartBuildsAFreshSource
   EXPECT_EQ(notifications_.count(TLRAudioConnectSuccNotification), 2u);
 }
 
-TEST_F(RecorderTest, ANewSourceFactoryServesFromTheNextStartOn) {
-  recorder_->start();
-  auto other = std::make_shared<FakeAudioBackend>();
-  recorder_->run([&](TLRRecorder& r) { r.setSourceFactory(other->factory()); });
-  EXPECT_TRUE(recorder_->isRec()) << "the running source is kept";
-  EXPECT_EQ(other->state().sourcesMade, 0);
-
-  recorder_->stop();
-  recorder_->start();
-  EXPECT_EQ(backend_->state().sourcesMade, 1);
-  EXPECT_EQ(other->state().sourcesMade, 1);
-  EXPECT_TRUE(other->state().running);
-}
-
-TEST_F(RecorderTest, StopCancelsAPendingRetryAndEndsTheStallWatch) {
+TEST_F(RecorderTest, StopOrDestructionCancelsAPendingRetryAndStopEndsTheStallWatch) {
   backend_->with([](auto& s) {
-    s.script = {TLRAudioStartResult::failure(-1, "Pa_StartStream")};
+    s.script = {kFailure, TLRAudioStartResult::success(), kFailure};
     s.stallTimeout = milliseconds(300);
   });
   recorder_->start();  // fails: a retry is pending
   recorder_->stop();
   recorder_->start();  // runs, watched for stalls
   recorder_->stop();
+  recorder_->start();  // fails again
+  recorder_.reset();
   std::this_thread::sleep_for(milliseconds(300) + unit_ * 3);
-  EXPECT_EQ(backend_->state().sourcesMade, 2);
+  EXPECT_EQ(backend_->state().sourcesMade, 3);
   EXPECT_EQ(notifications_.count(TLRAudioErrorNotification), 0u);
-  EXPECT_FALSE(recorder_->isRec());
 }
 
 TEST_F(RecorderTest, AStartDuringAPendingRetryLeavesOnlyOneRetryChain) {
   backend_->with([](auto& s) {
-    s.script = {TLRAudioStartResult::failure(-1, "Pa_StartStream"),
-                TLRAudioStartResult::failure(-2, "Pa_StartStream")};
+    s.script = {kFailure, TLRAudioStartResult::failure(-2, "Pa_StartStream")};
   });
   recorder_->start();
   recorder_->start();  // fails too and schedules its own retry
@@ -255,22 +215,7 @@ TEST_F(RecorderTest, BlocksFromAStoppedOrEarlierRunAreDropped) {
   backend_->deliver({4, 5}, 2.0);
   ASSERT_TRUE(delegate_->waitForBlocks(1));
   EventLoop::main().drain();
-  const auto blocks = delegate_->blocks.values();
-  ASSERT_EQ(blocks.size(), 1u);
-  EXPECT_EQ(blocks[0].items, (std::vector<int16_t>{4, 5}));
-}
-
-TEST(RecorderLifetimeTest, DestroyingTheRecorderCancelsItsRetry) {
-  auto backend = std::make_shared<FakeAudioBackend>();
-  backend->with([](auto& s) { s.script = {TLRAudioStartResult::failure(-1, "Pa_StartStream")}; });
-  RecorderNotifications notifications;
-  {
-    LoopRecorder recorder(8000.0, backend->factory(), milliseconds(50));
-    recorder.start();
-  }
-  std::this_thread::sleep_for(milliseconds(200));
-  EXPECT_EQ(notifications.count(TLRAudioErrorNotification), 0u);
-  EXPECT_EQ(backend->state().sourcesMade, 1);
+  EXPECT_EQ(delegate_->allItems(), (std::vector<int16_t>{4, 5}));
 }
 
 TEST(RecorderLifetimeTest, MayBeDestroyedOffTheLoopWhileBlocksArrive) {

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,7 +19,6 @@
 namespace tellora::audiotest {
 
 using SteadyTime = std::chrono::steady_clock::time_point;
-using testing::Recorded;
 
 // Far beyond any expected delay: only turns a hang into a failure.
 inline constexpr auto kPatience = std::chrono::seconds(20);
@@ -43,9 +41,15 @@ struct RecordingDelegate final : TLRRecorderDelegate, TLRRecorderErrorsHandlerDe
   bool waitForBlocks(size_t count, std::chrono::milliseconds patience = kPatience) {
     return testing::waitUntil([&] { return blocks.size() >= count; }, patience);
   }
+  std::vector<int16_t> allItems() const {
+    std::vector<int16_t> all;
+    for (const auto& block : blocks.values())
+      all.insert(all.end(), block.items.begin(), block.items.end());
+    return all;
+  }
 
-  Recorded<ReceivedBlock> blocks;
-  Recorded<TLRError> errors;
+  testing::Recorded<ReceivedBlock> blocks;
+  testing::Recorded<TLRError> errors;
 };
 
 // The recorder's notifications in the order they were posted, with the
@@ -53,13 +57,12 @@ struct RecordingDelegate final : TLRRecorderDelegate, TLRRecorderErrorsHandlerDe
 class RecorderNotifications {
  public:
   struct Entry {
-    std::string name;
-    std::string message;
+    std::string name, message;
     SteadyTime at;
   };
 
   RecorderNotifications() {
-    for (const char* name : {TLRAudioConnectSuccNotification, TLRAudioErrorNotification}) {
+    for (const char* name : {TLRAudioConnectSuccNotification, TLRAudioErrorNotification})
       tokens_.push_back(TLRNotificationCenter::defaultCenter().addObserver(
           name, [entries = entries_](const TLRNotification& n) {
             auto it = n.userInfo.find("message");
@@ -67,7 +70,6 @@ class RecorderNotifications {
                 it == n.userInfo.end() ? nullptr : std::get_if<std::string>(&it->second);
             entries->add({n.name, text ? *text : "", std::chrono::steady_clock::now()});
           }));
-    }
   }
   ~RecorderNotifications() {
     for (auto token : tokens_)
@@ -83,7 +85,7 @@ class RecorderNotifications {
   std::vector<Entry> entries() const { return entries_->values(); }
 
  private:
-  std::shared_ptr<Recorded<Entry>> entries_ = std::make_shared<Recorded<Entry>>();
+  std::shared_ptr<testing::Recorded<Entry>> entries_ = std::make_shared<testing::Recorded<Entry>>();
   std::vector<TLRNotificationCenter::ObserverToken> tokens_;
 };
 

@@ -1,157 +1,110 @@
 // The search session: the request sequence, fingerprints on the server's
 // clock, nearby clients found and lost, stopping, and recorder failures.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <atomic>
 #include <thread>
 
-#include <nlohmann/json.hpp>
-
-#include "runtime/clock.h"
 #include "tests/facade/facade_fixture.h"
 
 namespace tellora::facade_test {
 namespace {
 
-using Ids = std::vector<std::string>;
+using Strings = std::vector<std::string>;
 
-Ids idsOf(const std::vector<TLRClient>& clients) {
-  Ids ids;
+// The nearby list as "id=payload" ("-" without one).
+Strings listed(const std::vector<TLRClient>& clients) {
+  Strings listed;
   for (const auto& client : clients)
-    ids.push_back(client.clientID());
-  return ids;
+    listed.push_back(client.clientID() + "=" + client.payload().value_or("-"));
+  return listed;
 }
 
-// --- The search sequence -------------------------------------------------------------
+using SearchTest = FacadeTest;
 
-using SearchSequenceTest = FacadeTest;
-
-TEST_F(SearchSequenceTest, ModeThenPayloadThenNearbyAfterClockMeasurement) {
-  match_.setNearby(nlohmann::json::parse(
-      R"([{"clientId":"n1","payload":"p1"},{"clientId":"n2","payload":null}])"));
+TEST_F(SearchTest, ModeThenPayloadThenNearbyAfterClockMeasurementAndOnlyOnce) {
+  match_.setNearby(
+      json::parse(R"([{"clientId":"n1","payload":"p1"},{"clientId":"n2","payload":null}])"));
   startSearchAndWait("my-payload");
   ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 2; }));
+  // Another start while searching is only logged; its payload is kept, not sent.
+  startSearch("second");
+  EXPECT_EQ(sandbox_.countLog("Tellora: search already running"), 1u);
+  EXPECT_EQ(call(&TLRTelloraImpl::payload), "second");
+  std::this_thread::sleep_for(100ms);
 
-  // The five clock readings, then mode, payload (the bare string) and nearby.
-  const auto requests = match_.requests();
-  ASSERT_EQ(requests.size(), 8u);
-  for (size_t i = 0; i < 5; ++i)
-    EXPECT_EQ(requests[i]["type"], 3);
-  EXPECT_EQ(requests[5]["type"], 0);
-  EXPECT_EQ(requests[5]["data"], nlohmann::json({{"mode", 3}}));
-  EXPECT_EQ(requests[6]["type"], 1);
-  EXPECT_EQ(requests[6]["data"], "my-payload");
-  EXPECT_EQ(requests[7]["type"], 2);
-  EXPECT_FALSE(requests[7].contains("data"));
+  // The five clock readings, then mode 3, the payload (the bare string) and nearby.
+  std::vector<int> types;
+  for (const auto& request : match_.requests())
+    types.push_back(request["type"]);
+  EXPECT_EQ(types, (std::vector<int>{3, 3, 3, 3, 3, 0, 1, 2}));
+  EXPECT_EQ(match_.requests(0).at(0)["data"]["mode"], 3);
+  EXPECT_EQ(match_.requests(1).at(0)["data"], "my-payload");
 
+  EXPECT_EQ(events_->countOf(TelloraWillStartSearchNotification), 2u);
   EXPECT_LT(events_->indexOf(TelloraWillStartSearchNotification),
             events_->indexOf(TelloraDidStartSearchNotification));
   EXPECT_LT(events_->indexOf(TelloraDidStartSearchNotification), events_->indexOf("started"));
-  EXPECT_EQ(searchState(), TLRSearchStateSearching);
-
   EXPECT_EQ(events_->named("found")[0].client->payload(), "p1");
-  EXPECT_FALSE(events_->named("found")[1].client->payload().has_value());
   EXPECT_EQ(events_->named(TelloraClientFoundNotification).at(1).client->clientID(), "n2");
-  EXPECT_EQ(idsOf(nearbyClients()), (Ids{"n1", "n2"}));
+  EXPECT_EQ(listed(nearbyClients()), (Strings{"n1=p1", "n2=-"}));
 }
-
-TEST_F(SearchSequenceTest, StartBeforeSetupWaitsForConfiguration) {
-  createFacade();
-  startSearch("early");
-  EXPECT_EQ(sandbox_.countLog("Tellora: Please prepare the configuration"), 1u);
-  EXPECT_EQ(searchState(), TLRSearchStateStarting);
-  EXPECT_EQ(registrar_.requests().size(), 0u);
-
-  // Setting up later connects, and the pending search runs once the clock is known.
-  setUpFacade();
-  ASSERT_TRUE(match_.waitForRequestsOfType(1, 1));
-  EXPECT_EQ(match_.requestsOfType(1).at(0)["data"], "early");
-  EXPECT_TRUE(waitUntil([&] { return events_->countOf("started") == 1; }));
-}
-
-TEST_F(SearchSequenceTest, StartWhileSearchingOnlyLogsAndKeepsNewPayload) {
-  startSearchAndWait("first");
-  startSearch("second");
-
-  EXPECT_EQ(sandbox_.countLog("Tellora: search already running"), 1u);
-  EXPECT_EQ(events_->countOf(TelloraWillStartSearchNotification), 2u);
-  EXPECT_EQ(onLoop([&] { return facade_->payload(); }), "second");
-  EXPECT_TRUE(onLoop([&] { return facade_->needRunSearch(); }));
-  EXPECT_EQ(searchState(), TLRSearchStateSearching);
-  std::this_thread::sleep_for(100ms);
-  EXPECT_EQ(match_.requestsOfType(0).size(), 1u);
-  EXPECT_EQ(match_.requestsOfType(1).size(), 1u);  // the new payload is not sent
-}
-
-// --- Fingerprints ------------------------------------------------------------------------
-
-using FingerprintTest = FacadeTest;
 
 // The server's clock runs 1000 ms ahead. "etime" carries the offset itself and
 // "stime" the part's local start moved onto the server clock.
-TEST_F(FingerprintTest, SentWithStartOnServerClockAndOffsetAsEndUntilTheStop) {
+TEST_F(SearchTest, FingerprintsGoOnTheServerClockUntilTheStop) {
   startSearchAndWait();
-  const double offset = onLoop([&] { return facade_->timeDifference(); });
+  const double offset = call(&TLRTelloraImpl::timeDifference);
   EXPECT_NEAR(offset, 1000, 50.0 * testing::waitScale());
 
   const double localStartMs = wallClockSeconds() * 1000;
-  feedAudio(1.2, monotonicTicks());
-  ASSERT_TRUE(match_.waitForRequestsOfType(4, 1));
-  const auto data = match_.requestsOfType(4).at(0)["data"];
+  feedAudio(1.2);
+  ASSERT_TRUE(match_.waitForRequests(4, 1));
+  const auto data = match_.requests(4).at(0)["data"];
   EXPECT_EQ(data["fp"].get<std::string>().size(), 156u);
   EXPECT_DOUBLE_EQ(data["etime"].get<double>(), offset);
   EXPECT_NEAR(data["stime"].get<double>() - offset, localStartMs, 20.0 * testing::waitScale());
 
   // The stop releases the recorder: the host's audio no longer goes anywhere.
-  onLoop([&] { facade_->stopSearching(); });
+  stopSearch();
   const int16_t block[800] = {};
   EXPECT_FALSE(audio_->push(block, 800));
-  EXPECT_FALSE(onLoop([&] { return facade_->isRecording(); }));
+  EXPECT_EQ(recording(), std::pair(false, false));
 }
-
-// --- Nearby tracking ---------------------------------------------------------------------
-
-using NearbyTest = FacadeTest;
 
 // A server repeating found pushes for ever: the list stays bounded, dropping
 // the oldest entries of clients listed again, and the newest stay.
-TEST_F(NearbyTest, RepeatedPushesKeepTheListBounded) {
+TEST_F(SearchTest, RepeatedPushesKeepTheNearbyListBounded) {
   startSearchAndWait();
+  constexpr size_t kLimit = TLRTelloraImpl::kNearbyClientsLimit;
   onLoop([&] {
     facade_->nearbyAddedWithClientID("once", "first");
-    for (size_t i = 0; i < TLRTelloraImpl::kNearbyClientsLimit + 500; ++i)
+    for (size_t i = 0; i < kLimit + 500; ++i)
       facade_->nearbyAddedWithClientID("echo", std::to_string(i));
   });
-  const auto listed = nearbyClients();
-  ASSERT_EQ(listed.size(), TLRTelloraImpl::kNearbyClientsLimit);
-  EXPECT_EQ(listed.front().clientID(), "once");
-  EXPECT_EQ(listed.back().payload(), std::to_string(TLRTelloraImpl::kNearbyClientsLimit + 499));
+  const auto clients = nearbyClients();
+  ASSERT_EQ(clients.size(), kLimit);
+  EXPECT_EQ(clients.front().clientID(), "once");
+  EXPECT_EQ(clients.back().payload(), std::to_string(kLimit + 499));
 }
 
 // Pushes are the server's business: the facade reports them whatever the search
-// state and lists a client once per report; a lost drops its first entry only.
-TEST_F(NearbyTest, EveryPushCountsEvenWhileStoppedAndALostDropsTheFirstEntry) {
-  match_.setNearby(nlohmann::json::parse(R"([{"clientId":"n1","payload":"p1"}])"));
+// state and lists a client once per report (a stop keeps the list); a lost
+// drops its first entry only.
+TEST_F(SearchTest, EveryPushCountsEvenWhileStoppedAndALostDropsTheFirstEntry) {
+  match_.setNearby(json::parse(R"([{"clientId":"n1","payload":"p1"}])"));
   startSearchAndWait();
   ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 1; }));
-  onLoop([&] { facade_->stopSearching(); });
-  EXPECT_EQ(nearbyClients().size(), 1u);  // a stop keeps the list
+  stopSearch();
   match_.pushFound("n1", "late");
   ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 2; }));
 
   // A restart asks for the nearby list again and appends it.
-  match_.setNearby(nlohmann::json::parse(R"([{"clientId":"n1","payload":"p3"}])"));
+  match_.setNearby(json::parse(R"([{"clientId":"n1","payload":"p3"}])"));
   startSearch("second");
   ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 3; }));
-  EXPECT_EQ(match_.requestsOfType(1).back()["data"], "second");
 
   match_.pushLost("n1");
   ASSERT_TRUE(waitUntil([&] { return events_->countOf("lost") == 1; }));
-  std::vector<std::optional<std::string>> payloads;
-  for (const auto& client : nearbyClients())
-    payloads.push_back(client.payload());
-  EXPECT_EQ(payloads, (std::vector<std::optional<std::string>>{"late", "p3"}));
+  EXPECT_EQ(listed(nearbyClients()), (Strings{"n1=late", "n1=p3"}));
   EXPECT_EQ(events_->named("lost").at(0).client->payload(), "p1");
   EXPECT_EQ(events_->named(TelloraClientLostNotification).at(0).client->payload(), "p1");
 
@@ -160,30 +113,19 @@ TEST_F(NearbyTest, EveryPushCountsEvenWhileStoppedAndALostDropsTheFirstEntry) {
   match_.pushFound("marker", nullptr);
   ASSERT_TRUE(waitUntil([&] { return events_->countOf("found") == 4; }));
   EXPECT_EQ(events_->countOf("lost") + events_->countOf(TelloraClientLostNotification), 2u);
-  EXPECT_EQ(idsOf(nearbyClients()), (Ids{"n1", "n1", "marker"}));
+  EXPECT_EQ(listed(nearbyClients()), (Strings{"n1=late", "n1=p3", "marker=-"}));
 }
 
-// --- Stopping ------------------------------------------------------------------------------
-
-using StopTest = FacadeTest;
-
-TEST_F(StopTest, CallsStoppedCallbackOnceAndAnnouncesEveryTime) {
+TEST_F(SearchTest, StopCallsTheStoppedCallbackOnceAndAnnouncesEveryTime) {
   startSearchAndWait();
-  onLoop([&] { facade_->stopSearching(); });
-
-  ASSERT_EQ(events_->countOf("stopped"), 1u);
+  for (size_t stops = 1; stops <= 2; ++stops) {
+    stopSearch();  // the second time, stopped already: the log line and will-stop only
+    EXPECT_EQ(sandbox_.countLog("Tellora: stoped search"), stops);
+    EXPECT_EQ(events_->countOf(TelloraSearchWillStopNotification), stops);
+    ASSERT_EQ(events_->countOf("stopped"), 1u);
+  }
   EXPECT_FALSE(events_->named("stopped").at(0).error.has_value());
-  EXPECT_EQ(sandbox_.countLog("Tellora: stoped search"), 1u);
-  EXPECT_EQ(events_->countOf(TelloraSearchWillStopNotification), 1u);
-  EXPECT_EQ(searchState(), TLRSearchStateStopped);
-  EXPECT_FALSE(onLoop([&] { return facade_->payload(); }).has_value());
   EXPECT_EQ(events_->countOf(TelloraSearchStopNotification), 0u);
-
-  // Stopped already: the log line and the will-stop notification only.
-  onLoop([&] { facade_->stopSearching(); });
-  EXPECT_EQ(events_->countOf("stopped"), 1u);
-  EXPECT_EQ(sandbox_.countLog("Tellora: stoped search"), 2u);
-  EXPECT_EQ(events_->countOf(TelloraSearchWillStopNotification), 2u);
 }
 
 // The stopped callback that starts the next search, as hosts do: it replaces
@@ -197,7 +139,7 @@ TLRTellora::StoppedBlock restartingCallback(TLRTelloraImpl* facade, std::shared_
   };
 }
 
-TEST_F(StopTest, SearchRestartedFromTheStopCallbackKeepsRecording) {
+TEST_F(SearchTest, SearchRestartedFromTheStopCallbackKeepsRecording) {
   startSearchAndWait();
   auto restarts = std::make_shared<int>(0);
   onLoop([&] {
@@ -205,17 +147,16 @@ TEST_F(StopTest, SearchRestartedFromTheStopCallbackKeepsRecording) {
                               restartingCallback(facade_.get(), restarts));
   });
   for (int round = 0; round < 1000; ++round)
-    onLoop([&] { facade_->stopSearching(); });
-
+    stopSearch();
   EXPECT_EQ(onLoop([&] { return *restarts; }), 1000);
   EXPECT_EQ(searchState(), TLRSearchStateSearching);
-  EXPECT_TRUE(onLoop([&] { return facade_->isRecording() && facade_->recorder()->isRec(); }));
-  const size_t sent = match_.requestsOfType(4).size();
-  feedAudio(1.2, monotonicTicks());
-  EXPECT_TRUE(match_.waitForRequestsOfType(4, sent + 1));
+  EXPECT_EQ(recording(), std::pair(true, true));
+  const size_t sent = match_.requests(4).size();
+  feedAudio(1.2);
+  EXPECT_TRUE(match_.waitForRequests(4, sent + 1));
 }
 
-TEST_F(StopTest, AnonymousBufferKeepsRecorderRunningAcrossStop) {
+TEST_F(SearchTest, AnonymousBufferKeepsRecorderRunningAcrossStop) {
   // Shared with the observer, which outlives the test if an assertion ends it early.
   auto recorderStarts = std::make_shared<std::atomic<int>>(0);
   auto& center = TLRNotificationCenter::defaultCenter();
@@ -228,12 +169,9 @@ TEST_F(StopTest, AnonymousBufferKeepsRecorderRunningAcrossStop) {
   EXPECT_EQ(sandbox_.countLog("Tellora: AnonimousBuffer turn on"), 1u);
 
   startSearchAndWait();
-  EXPECT_EQ(*recorderStarts, 1);
-  onLoop([&] { facade_->stopSearching(); });
-  EXPECT_TRUE(onLoop([&] { return facade_->isRecording() && facade_->recorder()->isRec(); }));
-  // The recorder still takes audio; the hasher keeps it instead of sending.
-  feedAudio(0.4, monotonicTicks());
-
+  stopSearch();
+  EXPECT_EQ(recording(), std::pair(true, true));
+  feedAudio(0.4);  // the recorder still takes audio; the hasher keeps it
   startSearch("again");
   ASSERT_TRUE(waitUntil([&] { return events_->countOf("started") == 2; }));
   EXPECT_EQ(*recorderStarts, 1);  // the running recorder was not started again
@@ -241,12 +179,10 @@ TEST_F(StopTest, AnonymousBufferKeepsRecorderRunningAcrossStop) {
   center.post("TelloraPrivateStopUseAnonimousBuffer");
   EventLoop::main().drain();
   EXPECT_EQ(sandbox_.countLog("Tellora: AnonimousBuffer turn off"), 1u);
-  onLoop([&] { facade_->stopSearching(); });
-  EXPECT_FALSE(onLoop([&] { return facade_->isRecording() || facade_->recorder()->isRec(); }));
+  stopSearch();
+  EXPECT_EQ(recording(), std::pair(false, false));
   center.removeObserver(token);
 }
-
-// --- Recorder failures -------------------------------------------------------------------
 
 class RefusingSource : public TLRAudioSource {
  public:
@@ -256,21 +192,15 @@ class RefusingSource : public TLRAudioSource {
   void stop() override {}
 };
 
-using RecorderFailureTest = FacadeTest;
-
-TEST_F(RecorderFailureTest, MicrophoneNotPermittedEndsSearchWithError101) {
+TEST_F(SearchTest, MicrophoneNotPermittedEndsTheSearchWithError101) {
   auto config = configuration();
   config.audioSourceFactory = [] { return std::make_unique<RefusingSource>(); };
   setUpFacade(config);
   startSearch("payload");
-  ASSERT_TRUE(waitUntil([&] {
-    return events_->countOf("stopped") == 1 && events_->countOf(TelloraSearchStopNotification) == 1;
-  }));
-
+  ASSERT_TRUE(waitUntil([&] { return events_->countOf(TelloraSearchStopNotification) == 1; }));
   const auto expected = TLRError::make(101, {{"message", std::string("Microphone is disabled")}});
-  EXPECT_EQ(events_->named("stopped")[0].error, expected);
+  EXPECT_EQ(events_->named("stopped").at(0).error, expected);
   EXPECT_EQ(events_->named(TelloraSearchStopNotification)[0].error, expected);
-  EXPECT_EQ(searchState(), TLRSearchStateStopped);
 }
 
 }  // namespace

@@ -8,13 +8,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/write.hpp>
-#include <boost/beast/core.hpp>
-#include <chrono>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "tellora/host_fed_audio.h"
 #include "tests/faults/facade_fixture.h"
 #include "tests/server/loopback_client.h"
 
@@ -22,21 +16,33 @@ namespace tellora::faults {
 namespace {
 
 namespace asio = boost::asio;
-namespace beast = boost::beast;
 using tcp = asio::ip::tcp;
-using namespace std::chrono_literals;
 
 constexpr int kRawConnections = 900;
 constexpr int kSessions = 100;
 
-using server_test::Registration;
-
-class LoadClient {
- public:
-  explicit LoadClient(uint16_t port) : server_(asio::ip::make_address("127.0.0.1"), port) {}
+class ServerUnderFlood : public FacadeFaultTest {
+ protected:
+  void SetUp() override {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    // Everything comes from 127.0.0.1 here: the per-address shares are lifted
+    // so that the whole flood reaches the sessions it is about.
+    server = std::make_unique<BackgroundProcess>(
+        TELLORA_SERVER_PATH,
+        std::vector<std::string>{"--bind", "127.0.0.1", "--port", "0", "--db",
+                                 ":memory:", "--max-connections-per-address", "4096",
+                                 "--max-pending-per-address", "4096", "--registration-burst",
+                                 "1000"},
+        sandbox.folder.path(), "server");
+    ASSERT_TRUE(waitUntil([&] { return listeningPort(server->out()) != 0; }, 10s)) << server->err();
+    port = listeningPort(server->out());
+  }
 
   // Connections that misbehave below the WebSocket layer; they stay open.
-  void openRawConnections(int count) {
+  void openRawConnections() {
     const std::string unknownClient =
         "GET /ws HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
         "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
@@ -45,99 +51,35 @@ class LoadClient {
     std::string garbage(4096, '\0');
     for (std::size_t i = 0; i < garbage.size(); ++i)
       garbage[i] = static_cast<char>((i * 7919u + 13u) & 0xff);
-    for (int i = 0; i < count; ++i) {
-      auto socket = std::make_unique<tcp::socket>(io_);
-      socket->connect(server_);
-      const std::string& bytes = i % 3 == 0 ? unknownClient : i % 3 == 1 ? garbage : unfinished;
-      beast::error_code ignored;
-      asio::write(*socket, asio::buffer(bytes), ignored);
-      raw_.push_back(std::move(socket));
+    const std::string* kinds[] = {&unknownClient, &garbage, &unfinished};
+    for (int i = 0; i < kRawConnections; ++i) {
+      auto& socket = raw.emplace_back(std::make_unique<tcp::socket>(io));
+      socket->connect({asio::ip::make_address("127.0.0.1"), port});
+      boost::system::error_code ignored;
+      asio::write(*socket, asio::buffer(*kinds[i % 3]), ignored);
     }
-  }
-
-  // Accepted sessions that send what no client should: bad JSON, binary
-  // noise, unknown types, and finally a frame that breaks the protocol.
-  void openMisbehavingSessions(const std::vector<Registration>& identities) {
-    for (const auto& identity : identities) {
-      auto ws = server_test::WsClient::open({server_.port(), "", 0, {}}, identity);
-      if (!ws) {
-        ++refusedSessions;
-        continue;
-      }
-      for (const char* text : {"{\"requestId\": ", R"({"type":"4","data":{"fingerprint":12}})",
-                               R"({"type":99999999999999999999,"requestId":-1})"})
-        ws->send(text, true);
-      ws->send(std::string(2048, '\xff'));
-      // An unmasked frame with reserved bits and an undefined opcode.
-      ws->sendRaw(std::string("\xFB\x05hello", 7));
-      sessions_.push_back(std::move(ws));
-    }
-  }
-
-  // Sessions whose server ended them (a close frame or the connection closed)
-  // after the broken frame; each waits at most `timeout` for it.
-  int sessionsEndedByServer(std::chrono::milliseconds timeout) {
-    int ended = 0;
-    for (auto& ws : sessions_)
-      ended += ws->awaitClose(timeout).has_value();
-    return ended;
-  }
-
-  void closeAll() {
-    raw_.clear();
-    sessions_.clear();
-  }
-
-  int refusedSessions = 0;
-
- private:
-  asio::io_context io_;
-  tcp::endpoint server_;
-  std::vector<std::unique_ptr<tcp::socket>> raw_;
-  std::vector<std::unique_ptr<server_test::WsClient>> sessions_;
-};
-
-class ServerUnderFlood : public FacadeFaultTest {
- protected:
-  void SetUp() override {
-    FacadeFaultTest::SetUp();
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    server = std::make_unique<BackgroundProcess>(
-        TELLORA_SERVER_PATH,
-        // Everything comes from 127.0.0.1 here: the per-address shares are
-        // lifted so that the whole flood reaches the sessions it is about.
-        std::vector<std::string>{"--bind", "127.0.0.1", "--port", "0", "--db",
-                                 ":memory:", "--max-connections-per-address", "4096",
-                                 "--max-pending-per-address", "4096", "--registration-burst",
-                                 "1000"},
-        dir.path(), "server");
-    ASSERT_TRUE(waitUntil([&] { return listeningPort(server->out()) != 0; }, 10s)) << server->err();
-    port = listeningPort(server->out());
   }
 
   // A well-behaved SDK client: it connects (the clock measurement is answered)
   // and starts a search (mode and payload acknowledged).
   bool clientIsServed() {
-    const int startsBefore = host->startedCount();
+    const int startsBefore = host->starts.get();
     createFacade(loopbackConfiguration("flood", audio->sourceFactory(), port), Duration{}, 300ms);
     if (!waitConnected(15s)) return false;
     startSearching("well-behaved");
-    const bool started = waitUntil([&] { return host->startedCount() == startsBefore + 1; }, 15s);
+    const bool started = waitUntil([&] { return host->starts.get() == startsBefore + 1; }, 15s);
     disconnect();
     return started;
   }
 
   std::unique_ptr<BackgroundProcess> server;
   uint16_t port = 0;
-  std::shared_ptr<TLRHostFedAudio> audio = TLRHostFedAudio::create();
+  asio::io_context io;
+  std::vector<std::unique_ptr<tcp::socket>> raw;
 };
 
 TEST_F(ServerUnderFlood, KeepsServingAndItsMemoryStaysBounded) {
-  LoadClient load(port);
-  std::vector<Registration> identities;
+  std::vector<server_test::Registration> identities;
   for (int i = 0; i < kSessions; ++i)
     identities.push_back(server_test::registerClient({port, "", 0, {}}, 7, "flood"));
   ASSERT_FALSE(identities.back().clientId.empty());
@@ -146,13 +88,29 @@ TEST_F(ServerUnderFlood, KeepsServingAndItsMemoryStaysBounded) {
 
   long afterRoundKb[2] = {0, 0};
   for (int round = 0; round < 2; ++round) {
-    load.openRawConnections(kRawConnections);
-    load.openMisbehavingSessions(identities);
-    EXPECT_EQ(load.refusedSessions, 0);
-    EXPECT_EQ(load.sessionsEndedByServer(2s), kSessions) << "round " << round;
+    openRawConnections();
+    // Accepted sessions that send what no client should: bad JSON, binary
+    // noise, unknown types, and finally a frame that breaks the protocol,
+    // after which the server must end them.
+    std::vector<std::unique_ptr<server_test::WsClient>> sessions;
+    for (const auto& identity : identities) {
+      auto& ws = sessions.emplace_back(server_test::WsClient::open({port, "", 0, {}}, identity));
+      ASSERT_TRUE(ws) << "round " << round;
+      for (const char* text : {"{\"requestId\": ", R"({"type":"4","data":{"fingerprint":12}})",
+                               R"({"type":99999999999999999999,"requestId":-1})"})
+        ws->send(text, true);
+      ws->send(std::string(2048, '\xff'));
+      // An unmasked frame with reserved bits and an undefined opcode.
+      ws->sendRaw(std::string("\xFB\x05hello", 7));
+    }
+    int ended = 0;
+    for (auto& ws : sessions)
+      ended += ws->awaitClose(2s).has_value();
+    EXPECT_EQ(ended, kSessions) << "round " << round;
     EXPECT_TRUE(clientIsServed()) << "round " << round;
     afterRoundKb[round] = server->residentKilobytes();
-    load.closeAll();
+    raw.clear();
+    sessions.clear();
     ASSERT_TRUE(server->running()) << server->err().substr(0, 4000);
   }
   std::cerr << "server VmRSS: " << baselineKb << " kB before, " << afterRoundKb[0] << " / "

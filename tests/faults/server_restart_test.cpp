@@ -4,20 +4,12 @@
 // hosts that let the SDK resume. Either way the hosts find each other again
 // under the identities they already had, without crashing or piling up threads,
 // and never a host that hears another room.
-#include <gtest/gtest.h>
-
 #include <sndfile.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <string>
-#include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "tests/faults/facade_fixture.h"
 #include "tests/support/search_output.h"
-#include "tests/tools/scratch_dir.h"
 #include "tests/tools/test_audio.h"
 #include "tools/scenes/scene_audio.h"
 
@@ -25,7 +17,6 @@ namespace tellora::faults {
 namespace {
 
 using nlohmann::json;
-using std::chrono::seconds;
 
 constexpr const char* kApp = "7:restart-secret";
 
@@ -43,41 +34,31 @@ std::vector<json> eventsAfterRestart(const std::string& output, const std::strin
 
 class ServerKilledMidSearch : public ::testing::Test {
  protected:
-  // The application comes from the environment, as an installed server's would.
-  std::unique_ptr<BackgroundProcess> startServer(uint16_t port) {
-    setenv("TELLORA_SERVER_APP", kApp, 1);
-    auto server = std::make_unique<BackgroundProcess>(
+  void SetUp() override {
+    if (!writeRooms()) GTEST_SKIP() << "espeak-ng is not available";
+    startServer();
+  }
+
+  // On `port`, or any port at first. The application comes from the
+  // environment, as an installed server's would.
+  void startServer() {
+    server = std::make_unique<BackgroundProcess>(
         TELLORA_SERVER_PATH,
         std::vector<std::string>{"--bind", "127.0.0.1", "--port", std::to_string(port), "--db",
                                  dir.file("clients.db"), "--drain-seconds", "1"},
-        dir.path(), "server-" + std::to_string(++serverRuns));
-    unsetenv("TELLORA_SERVER_APP");
-    const bool listening =
-        waitUntil([&] { return listeningPort(server->out()) != 0; }, seconds(10));
-    EXPECT_TRUE(listening) << server->err();
-    return server;
+        dir.path(), "server-" + std::to_string(++serverRuns),
+        testing::Environment{{"TELLORA_SERVER_APP", kApp}});
+    ASSERT_TRUE(waitUntil([&] { return listeningPort(server->out()) != 0; }, 10s)) << server->err();
+    port = listeningPort(server->out());
   }
 
-  std::vector<std::string> hostArgs(const std::string& name, uint16_t port) {
+  // `how` is "--restart-on-stop 1" (the host restarts), "--resume" (the SDK
+  // does) or "--duration 1" (a first short run that registers the host).
+  std::unique_ptr<BackgroundProcess> startHost(const std::string& name,
+                                               std::vector<std::string> how) {
     auto args = testing::searchArgs(port, 7, "restart-secret", name, dir.file(name + ".wav"),
                                     dir.file(name + ".json"));
     args.push_back("--loop");
-    return args;
-  }
-
-  // A first short run registers the host, so the search under test starts on
-  // a stored identity, as on every launch of an app but the first.
-  void registerHost(const std::string& name, uint16_t port) {
-    auto args = hostArgs(name, port);
-    args.insert(args.end(), {"--duration", "1"});
-    BackgroundProcess run(TELLORA_CLI_PATH, args, dir.path(), name + "-registration");
-    EXPECT_EQ(run.waitExit(seconds(10)), 0) << run.err();
-  }
-
-  // `how` is "--restart-on-stop 1" (the host restarts) or "--resume" (the SDK does).
-  std::unique_ptr<BackgroundProcess> startHost(const std::string& name, uint16_t port,
-                                               std::vector<std::string> how) {
-    auto args = hostArgs(name, port);
     args.insert(args.end(), how.begin(), how.end());
     return std::make_unique<BackgroundProcess>(TELLORA_CLI_PATH, args, dir.path(), name);
   }
@@ -102,64 +83,57 @@ class ServerKilledMidSearch : public ::testing::Test {
 
   testtools::ScratchDir dir;
   int serverRuns = 0;
+  std::unique_ptr<BackgroundProcess> server;
+  uint16_t port = 0;
 };
 
 TEST_F(ServerKilledMidSearch, HostsRestartTheSearchAndFindEachOtherAgainUnderTheSameIdentity) {
-  if (!writeRooms()) GTEST_SKIP() << "espeak-ng is not available";
-  auto server = startServer(0);
-  const uint16_t port = listeningPort(server->out());
-  ASSERT_NE(port, 0);
-  registerHost("alice", port);
-  registerHost("bob", port);
-  auto alice = startHost("alice", port, {"--restart-on-stop", "1"});
-  auto bob = startHost("bob", port, {"--restart-on-stop", "1"});
-  auto bothFound = [&](int afterRestart) {
-    return !eventsAfterRestart(alice->out(), "clientFound", afterRestart).empty() &&
-           !eventsAfterRestart(bob->out(), "clientFound", afterRestart).empty();
+  const std::string names[] = {"alice", "bob"};
+  std::string ids[2];
+  std::unique_ptr<BackgroundProcess> hosts[2];
+  for (int i : {0, 1}) {
+    // A first short run registers the host, so the search under test starts on
+    // a stored identity, as on every launch of an app but the first.
+    EXPECT_EQ(startHost(names[i], {"--duration", "1"})->waitExit(10s), 0) << names[i];
+    ids[i] = testing::storedClientId(dir.file(names[i] + ".json"));
+    ASSERT_FALSE(ids[i].empty()) << names[i];
+  }
+  // Both start together: the files they play are one room's sound in step.
+  for (int i : {0, 1})
+    hosts[i] = startHost(names[i], {"--restart-on-stop", "1"});
+  const auto both = [&](const char* kind, int afterRestart) {
+    return !eventsAfterRestart(hosts[0]->out(), kind, afterRestart).empty() &&
+           !eventsAfterRestart(hosts[1]->out(), kind, afterRestart).empty();
   };
-  ASSERT_TRUE(waitUntil([&] { return bothFound(0); }, seconds(25)))
-      << alice->out() << bob->out() << server->err();
-  const std::string aliceId = testing::storedClientId(dir.file("alice.json"));
-  const std::string bobId = testing::storedClientId(dir.file("bob.json"));
-  ASSERT_FALSE(aliceId.empty());
-  ASSERT_FALSE(bobId.empty());
-  const long aliceThreads = alice->threadCount(), bobThreads = bob->threadCount();
+  const auto outputs = [&] { return hosts[0]->out() + hosts[1]->out() + server->err(); };
+  ASSERT_TRUE(waitUntil([&] { return both("clientFound", 0); }, 25s)) << outputs();
+  const long threads[] = {hosts[0]->threadCount(), hosts[1]->threadCount()};
 
   server->signal(SIGKILL);
-  server->waitExit(seconds(5));
+  server->waitExit(5s);
   // The dropped connection stops each search; the host starts it again at once
   // and the SDK keeps trying to reach the server in the background.
-  ASSERT_TRUE(waitUntil(
-      [&] {
-        return !eventsAfterRestart(alice->out(), "searchRestarting", 0).empty() &&
-               !eventsAfterRestart(bob->out(), "searchRestarting", 0).empty();
-      },
-      seconds(5)))
-      << alice->out() << bob->out();
-  server = startServer(port);
+  ASSERT_TRUE(waitUntil([&] { return both("searchRestarting", 0); }, 5s)) << outputs();
+  startServer();
+  ASSERT_TRUE(waitUntil([&] { return both("clientFound", 1); }, 30s)) << outputs();
+  for (int i : {0, 1})
+    EXPECT_EQ(hosts[i]->threadCount(), threads[i]) << names[i];
 
-  EXPECT_TRUE(waitUntil([&] { return bothFound(1); }, seconds(30)))
-      << alice->out() << bob->out() << server->err();
-  EXPECT_EQ(alice->threadCount(), aliceThreads);
-  EXPECT_EQ(bob->threadCount(), bobThreads);
-
-  alice->signal(SIGTERM);
-  bob->signal(SIGTERM);
-  EXPECT_EQ(alice->waitExit(seconds(5)), 0) << alice->err();
-  EXPECT_EQ(bob->waitExit(seconds(5)), 0) << bob->err();
-
-  for (const auto* host : {alice.get(), bob.get()}) {
+  for (auto& host : hosts)
+    host->signal(SIGTERM);
+  for (int i : {0, 1}) {
+    BackgroundProcess& host = *hosts[i];
+    EXPECT_EQ(host.waitExit(5s), 0) << host.err();
+    SCOPED_TRACE(host.out());
     // The drop is a close without a server close code: the stop carries no error.
-    const auto stops = eventsAfterRestart(host->out(), "searchStopped", 0);
-    ASSERT_FALSE(stops.empty()) << host->out();
-    EXPECT_TRUE(stops.front()["error"].is_null()) << host->out();
-    EXPECT_EQ(eventsAfterRestart(host->out(), "searchStarted", 1).size(), 1u) << host->out();
+    const auto stops = eventsAfterRestart(host.out(), "searchStopped", 0);
+    ASSERT_FALSE(stops.empty());
+    EXPECT_TRUE(stops.front()["error"].is_null());
+    EXPECT_EQ(eventsAfterRestart(host.out(), "searchStarted", 1).size(), 1u);
+    // Same identities, and each is told about the other under the known id.
+    EXPECT_EQ(testing::storedClientId(dir.file(names[i] + ".json")), ids[i]);
+    EXPECT_EQ(eventsAfterRestart(host.out(), "clientFound", 1).front()["clientId"], ids[1 - i]);
   }
-  // Same identities, and each is told about the other under the known id.
-  EXPECT_EQ(testing::storedClientId(dir.file("alice.json")), aliceId);
-  EXPECT_EQ(testing::storedClientId(dir.file("bob.json")), bobId);
-  EXPECT_EQ(eventsAfterRestart(alice->out(), "clientFound", 1).front()["clientId"], bobId);
-  EXPECT_EQ(eventsAfterRestart(bob->out(), "clientFound", 1).front()["clientId"], aliceId);
 }
 
 // A rolling restart: the node drains (its sessions closed with 1001 over a
@@ -167,30 +141,26 @@ TEST_F(ServerKilledMidSearch, HostsRestartTheSearchAndFindEachOtherAgainUnderThe
 // of it: no stop until their own, and they find each other again. Carol, in
 // the room next door, is found by nobody and finds nobody.
 TEST_F(ServerKilledMidSearch, ADrainedNodeGoesUnnoticedByHostsThatResume) {
-  if (!writeRooms()) GTEST_SKIP() << "espeak-ng is not available";
-  auto server = startServer(0);
-  const uint16_t port = listeningPort(server->out());
-  ASSERT_NE(port, 0);
-  auto alice = startHost("alice", port, {"--resume"});
-  auto bob = startHost("bob", port, {"--resume"});
-  auto carol = startHost("carol", port, {"--resume"});
+  auto alice = startHost("alice", {"--resume"});
+  auto bob = startHost("bob", {"--resume"});
+  auto carol = startHost("carol", {"--resume"});
   auto found = [&](const BackgroundProcess& host, std::size_t times) {
     return eventsAfterRestart(host.out(), "clientFound", 0).size() >= times;
   };
-  ASSERT_TRUE(waitUntil([&] { return found(*alice, 1) && found(*bob, 1); }, seconds(25)))
+  ASSERT_TRUE(waitUntil([&] { return found(*alice, 1) && found(*bob, 1); }, 25s))
       << alice->out() << bob->out() << server->err();
 
   server->signal(SIGTERM);
-  EXPECT_EQ(server->waitExit(seconds(10)), 0) << server->err();
+  EXPECT_EQ(server->waitExit(10s), 0) << server->err();
   EXPECT_NE(server->err().find("draining: closing"), std::string::npos) << server->err();
-  server = startServer(port);
-  EXPECT_TRUE(waitUntil([&] { return found(*alice, 2) && found(*bob, 2); }, seconds(30)))
+  startServer();
+  EXPECT_TRUE(waitUntil([&] { return found(*alice, 2) && found(*bob, 2); }, 30s))
       << alice->out() << bob->out() << server->err();
 
   for (const auto& host : {alice.get(), bob.get(), carol.get()}) {
     EXPECT_TRUE(eventsAfterRestart(host->out(), "searchStopped", 0).empty()) << host->out();
     host->signal(SIGTERM);
-    EXPECT_EQ(host->waitExit(seconds(5)), 0) << host->err();
+    EXPECT_EQ(host->waitExit(5s), 0) << host->err();
     for (const auto& event : eventsAfterRestart(host->out(), "clientFound", 0))
       EXPECT_NE(event.value("payload", ""), "carol") << host->out();
   }

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,40 +12,34 @@
 namespace tellora {
 namespace {
 
-std::string encode(const std::string& text) {
-  return base64Encode(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
-}
-
-std::optional<std::string> decode(std::string_view text) {
-  const auto bytes = base64Decode(text);
-  if (!bytes) return std::nullopt;
-  return std::string(bytes->begin(), bytes->end());
+std::vector<uint8_t> bytesOf(std::string_view text) {
+  return {text.begin(), text.end()};
 }
 
 TEST(Base64, UsesTheStandardAlphabetWithoutLineBreaks) {
   // Every 6-bit value once, in order: the whole alphabet, '+' and '/' last.
   std::vector<uint8_t> bytes;
-  for (int v = 0; v < 64; v += 4) {
+  for (uint32_t v = 0; v < 64; v += 4) {
     const uint32_t group = (v << 18) | ((v + 1) << 12) | ((v + 2) << 6) | (v + 3);
-    bytes.push_back(static_cast<uint8_t>(group >> 16));
-    bytes.push_back(static_cast<uint8_t>(group >> 8));
-    bytes.push_back(static_cast<uint8_t>(group));
+    for (int shift : {16, 8, 0})
+      bytes.push_back(static_cast<uint8_t>(group >> shift));
   }
   EXPECT_EQ(base64Encode(bytes),
             "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/");
-
-  const std::vector<uint8_t> many(300, 0xFF);
-  const std::string long_text = base64Encode(many);
-  EXPECT_EQ(long_text.size(), 400u);
-  EXPECT_EQ(long_text.find_first_not_of('/'), std::string::npos);
+  EXPECT_EQ(base64Encode(std::vector<uint8_t>(300, 0xFF)), std::string(400, '/'));
 }
 
 TEST(Base64, MatchesTheRfc4648TestVectorsBothWays) {
-  const std::string texts[] = {"", "f", "fo", "foo", "foob", "fooba", "foobar"};
-  const std::string encoded[] = {"", "Zg==", "Zm8=", "Zm9v", "Zm9vYg==", "Zm9vYmE=", "Zm9vYmFy"};
-  for (size_t i = 0; i < std::size(texts); ++i) {
-    EXPECT_EQ(encode(texts[i]), encoded[i]);
-    EXPECT_EQ(decode(encoded[i]), texts[i]);
+  const std::pair<std::string_view, std::string_view> vectors[] = {{"", ""},
+                                                                   {"f", "Zg=="},
+                                                                   {"fo", "Zm8="},
+                                                                   {"foo", "Zm9v"},
+                                                                   {"foob", "Zm9vYg=="},
+                                                                   {"fooba", "Zm9vYmE="},
+                                                                   {"foobar", "Zm9vYmFy"}};
+  for (const auto& [text, encoded] : vectors) {
+    EXPECT_EQ(base64Encode(bytesOf(text)), encoded);
+    EXPECT_EQ(base64Decode(encoded), bytesOf(text));
   }
   std::vector<uint8_t> every(256);
   for (int v = 0; v < 256; ++v)
@@ -55,28 +48,18 @@ TEST(Base64, MatchesTheRfc4648TestVectorsBothWays) {
 }
 
 TEST(Base64Decode, RefusesWhatTheEncoderNeverWrites) {
-  EXPECT_FALSE(base64Decode("Zg="));         // length not a multiple of 4
-  EXPECT_FALSE(base64Decode("Zm9v\nYmFy"));  // line break
-  EXPECT_FALSE(base64Decode("Zm9-"));        // URL-safe alphabet
-  EXPECT_FALSE(base64Decode("Zm 9"));
-  EXPECT_FALSE(base64Decode("Zg==Zm9v"));  // padding before the end
-  EXPECT_FALSE(base64Decode("Zm=v"));      // padding inside a group
-  EXPECT_FALSE(base64Decode("Z==="));
-  EXPECT_FALSE(base64Decode("===="));
-  EXPECT_FALSE(base64Decode("Zh=="));  // non-zero bits under the padding
-  EXPECT_FALSE(base64Decode("Zm9="));
-  EXPECT_FALSE(base64Decode(std::string_view("Zm\0v", 4)));
-  EXPECT_FALSE(base64Decode("Zm\xC3\xA9"));  // bytes beyond ASCII
+  using namespace std::string_view_literals;
+  for (std::string_view bad :
+       {"Zg="sv, "Zm9v\nYmFy"sv, "Zm9-"sv /* URL-safe */, "Zm 9"sv, "Zg==Zm9v"sv, "Zm=v"sv,
+        "Z==="sv, "===="sv, "Zh=="sv /* bits under the padding */, "Zm9="sv, "Zm\0v"sv,
+        "Zm\xC3\xA9"sv})
+    EXPECT_FALSE(base64Decode(bad)) << bad;
 }
 
 TEST(FingerprintWords, EachWordIsWrittenLeastSignificantByteFirstInOrder) {
   // 01 02 03 04 | 80 00 00 00.
   EXPECT_EQ(fingerprintFromWords(std::vector<uint32_t>{0x04030201u, 0x00000080u}), "AQIDBIAAAAA=");
   EXPECT_EQ(fingerprintFromWords({}), "");
-  const std::string part = fingerprintFromWords(std::vector<uint32_t>(29, 0xDEADBEEFu));
-  EXPECT_EQ(part.size(), 156u);
-  EXPECT_EQ(part.substr(0, 8), "776t3u++");
-  EXPECT_EQ(part.substr(152), "rd4=");
 }
 
 }  // namespace

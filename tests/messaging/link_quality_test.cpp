@@ -3,9 +3,6 @@
 // tests/faults/in_process_server_test.cpp; these are the rules it cannot reach.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <string>
-
 #include "messaging/message_service.h"
 #include "tests/messaging/service_fixture.h"
 
@@ -16,13 +13,6 @@ using nlohmann::json;
 
 class LinkCheckTest : public MessageServiceTest {
  protected:
-  // Pushes count as replies slower than 25 s.
-  void pushSlowReplies(uint64_t count) {
-    const uint64_t before = allMessages();
-    for (uint64_t i = 0; i < count; ++i)
-      server_.pushText(R"({"type":102,"data":{"clientId":"c1"}})");
-    ASSERT_TRUE(waitUntil([&] { return allMessages() == before + count; }));
-  }
   size_t ticks() const { return sandbox_.countLogStartingWith("Tellora: checkMessagesDelay ("); }
   size_t restarts() const { return sandbox_.countLog("Tellora reconnect"); }
 };
@@ -59,11 +49,13 @@ TEST_F(LinkCheckTest, FiveSlowRepliesRestartTheTransportAndOpenAgain) {
     return {replyTo(request)};
   });  // debug stays off: the restart line is written regardless
 
-  pushSlowReplies(4);
-  onLoop([&] { service_->checkMessagesDelay(); });
+  // Pushes count as replies slower than 25 s.
+  for (uint64_t pushed = 1; pushed <= 5; ++pushed) {
+    server_.pushText(R"({"type":102,"data":{"clientId":"c1"}})");
+    ASSERT_TRUE(waitUntil([&] { return allMessages() == pushed; }));
+    if (pushed == 4) onLoop([&] { service_->checkMessagesDelay(); });
+  }
   EXPECT_EQ(restarts(), 0u);
-
-  pushSlowReplies(1);
   onLoop([&] {
     service_->requestTime({});
     service_->checkMessagesDelay();
@@ -76,18 +68,12 @@ TEST_F(LinkCheckTest, FiveSlowRepliesRestartTheTransportAndOpenAgain) {
   EXPECT_EQ(closed_->size(), 0u);
   onLoop([&] {
     EXPECT_FALSE(service_->transportRebooting());
-    EXPECT_EQ(service_->reconnectsCount(), 1u);
-    // Only a fast reply brings the bad count back down.
-    EXPECT_EQ(service_->badDelaysCount(), 5u);
     EXPECT_EQ(service_->sendedMessages().size(), 1u);
     EXPECT_TRUE(service_->timer()->isValid());
+    EXPECT_EQ(service_->badDelaysCount(), 5u);  // only a fast reply brings it back down
   });
-
   roundTrip();
-  onLoop([&] {
-    EXPECT_EQ(service_->badDelaysCount(), 0u);
-    service_->checkMessagesDelay();
-  });
+  onLoop([&] { service_->checkMessagesDelay(); });
   EXPECT_EQ(restarts(), 1u);
 }
 
@@ -105,27 +91,6 @@ TEST_F(LinkCheckTest, AStoredGiveUpErrorGoesWithTheNextCloseOnly) {
   onLoop([&] { service_->closeConnection(); });
   ASSERT_TRUE(waitUntil([&] { return closed_->size() == 2; }));
   EXPECT_FALSE(closed_->values()[1].has_value());
-}
-
-TEST_F(LinkCheckTest, TheFirstDelayAfterAResetLandsInTheSecondEntry) {
-  createService();
-  onLoop([&] {
-    service_->resetMessageCounter();
-    EXPECT_TRUE(std::isnan(service_->averadeDelay()));
-    service_->incrementMessageCount();
-    service_->addDelayValue(4.0);
-    // Entry 0 is still empty: the average over one entry is 0.
-    EXPECT_EQ(service_->averadeDelay(), 0.0);
-    service_->incrementMessageCount();
-    service_->addDelayValue(2.0);
-    EXPECT_EQ(service_->averadeDelay(), 2.0);  // (0 + 4) / 2
-    for (int i = 0; i < 18; ++i) {
-      service_->incrementMessageCount();
-      service_->addDelayValue(1.0);
-    }
-    // The twentieth delay finally fills entry 0.
-    EXPECT_FLOAT_EQ(static_cast<float>(service_->averadeDelay()), (4 + 2 + 17 + 1) / 20.0f);
-  });
 }
 
 }  // namespace

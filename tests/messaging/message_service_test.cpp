@@ -13,6 +13,7 @@ namespace {
 
 using nlohmann::json;
 using Replies = std::vector<WsReply>;
+using Strings = std::vector<std::string>;
 
 // Matching replies to requests by id, in any order and at most once, is
 // checked on every input of fuzz/message_service_fuzzer.cpp.
@@ -34,6 +35,7 @@ TEST_F(RequestReplyTest, RepliesReachTheCallbackOfTheirRequestByType) {
   Recorded<json> nearby;
   Recorded<double> times;
   onLoop([&] {
+    service_->addFingerprint("\xc3\x28", 1, 2, {});  // unwritable: neither sent nor kept
     service_->establishClientMode(3, [&] { ++done; });
     service_->establishClientPayload(std::string("payload"), [&] { ++done; });
     service_->requestAllNearbyWithCallback([&](const json& list) { nearby.add(list); });
@@ -46,13 +48,7 @@ TEST_F(RequestReplyTest, RepliesReachTheCallbackOfTheirRequestByType) {
   EXPECT_EQ(nearby.values()[0], json::parse(R"([{"clientId":"a"}])"));
   EXPECT_EQ(times.values()[0], 1234.5);
   EXPECT_TRUE(onLoop([&] { return service_->sendedMessages().empty(); }));
-
-  const auto requests = receivedRequests();
-  ASSERT_EQ(requests.size(), 6u);
-  for (size_t i = 0; i < requests.size(); ++i)
-    EXPECT_EQ(requests[i]["type"], i);
-  EXPECT_EQ(requests[1]["data"], "payload");
-  EXPECT_EQ(requests[5]["data"], json::object());
+  EXPECT_EQ(server_.log().frames.size(), 6u);
 }
 
 TEST_F(RequestReplyTest, OnlySetModeOpensAClosedConnectionAndNothingElseIsSentOrKept) {
@@ -71,12 +67,7 @@ TEST_F(RequestReplyTest, OnlySetModeOpensAClosedConnectionAndNothingElseIsSentOr
   requestAll();
   EXPECT_EQ(server_.log().upgrades.size(), 0u);
 
-  // Set-mode opens and is sent once open.
   roundTrip(3);
-  const auto requests = receivedRequests();
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0]["data"], json({{"mode", 3}}));
-
   // Nothing else after a close either.
   onLoop([&] { service_->closeConnection(); });
   ASSERT_TRUE(server_.waitForEndedConnections(1));
@@ -85,23 +76,14 @@ TEST_F(RequestReplyTest, OnlySetModeOpensAClosedConnectionAndNothingElseIsSentOr
   EXPECT_EQ(calls, 0);
 }
 
-TEST_F(RequestReplyTest, AnUnwritableRequestIsNeitherSentNorKept) {
-  connect();
-  onLoop([&] {
-    service_->addFingerprint("\xc3\x28", 1, 2, {});
-    EXPECT_TRUE(service_->sendedMessages().empty());
-  });
-  roundTrip(1);
-  EXPECT_EQ(server_.log().frames.size(), 1u);
-}
-
-using TimeReplyTest = MessageServiceTest;
-
-TEST_F(TimeReplyTest, TimesReadAsALeadingNumberOrZeroAndEachReplyTravelsBack) {
+// How a text reads as a number is lenientDouble's test; here: which replies
+// reach it, and the record each request carries of the previous reply.
+TEST_F(RequestReplyTest, TimesReadAsALeadingNumberOrZeroAndEachReplyTravelsBack) {
   std::vector<json> replies = {
       {{"data", {{"time", "1234.5"}}}}, {{"data", {{"time", 1234.5}}}}, json::object()};
-  for (json odd : {json(" 12.5xyz"), json("abc"), json(true), json::array({5}), json(), json(-7)})
+  for (json odd : {json(" 12.5xyz"), json(true), json::array({5}), json(), json(-7)})
     replies.push_back({{"data", {{"time", odd}}}});
+  replies.push_back({{"data", "1234"}});
   std::atomic<size_t> next{0};
   connect([&](const json& request) -> Replies {
     return {replyTo(request, replies.at(next++ % replies.size()))};
@@ -112,10 +94,11 @@ TEST_F(TimeReplyTest, TimesReadAsALeadingNumberOrZeroAndEachReplyTravelsBack) {
     onLoop([&] { service_->requestTime([&](double time) { times.add(time); }); });
     ASSERT_TRUE(waitUntil([&] { return times.size() == i + 1; }));
   }
-  EXPECT_EQ(times.values(), (std::vector<double>{1234.5, 1234.5, 0, 12.5, 0, 0, 0, 0, -7}));
+  EXPECT_EQ(times.values(), (std::vector<double>{1234.5, 1234.5, 0, 12.5, 0, 0, 0, -7, 0}));
 
-  // From the second request on, each carries a record of the previous reply.
-  const auto requests = receivedRequests();
+  std::vector<json> requests;
+  for (const auto& frame : server_.log().frames)
+    requests.push_back(json::parse(frame.payload));
   EXPECT_FALSE(requests[0].contains("data"));
   auto record = [&](size_t i) {
     json reply = replies[i];
@@ -135,63 +118,36 @@ TEST_F(SpeedStatusTest, TheFifthFastReplyInARowAndEveryFurtherOnePostHight) {
     roundTrip(i);
     EXPECT_EQ(speedStatuses_->size(), i < 5 ? 0u : size_t(i - 4)) << "reply " << i;
   }
-  EXPECT_EQ(speedStatuses_->values(), (std::vector<std::string>{"hight", "hight"}));
+  EXPECT_EQ(speedStatuses_->values(), (Strings{"hight", "hight"}));
   EXPECT_EQ(onLoop([&] { return service_->speed(); }), TLRSpeedHight);
-  EXPECT_EQ(onLoop([&] { return service_->delayLessThenOneSecCount(); }), 6u);
 }
 
-TEST_F(SpeedStatusTest, OnlyASlowFingerprintReplyPostsLowAndEndsTheFastRun) {
-  connect([](const json& request) -> Replies {
-    const bool slow = request["type"] == 4 || request["data"]["mode"] == 9;
-    return {replyTo(request, {}, slow ? 1100ms : 0ms)};
+TEST_F(SpeedStatusTest, OnlySlowFingerprintRepliesPostLowOrInvalidConnectionAndEndTheFastRun) {
+  auto fingerprintDelay = std::make_shared<std::atomic<int>>(1100);
+  connect([fingerprintDelay](const json& request) -> Replies {
+    if (request["type"] == 4) return {replyTo(request, {}, fingerprintDelay->load() * 1ms)};
+    return {replyTo(request, {}, request["data"]["mode"] == 9 ? 1100ms : 0ms)};
   });
   roundTrip(1);
   roundTrip(2);
   roundTrip(9);  // slow, but not a fingerprint: changes nothing
   EXPECT_TRUE(speedStatuses_->values().empty());
-  EXPECT_EQ(onLoop([&] { return service_->speed(); }), TLRSpeedHight);
   EXPECT_EQ(onLoop([&] { return service_->delayLessThenOneSecCount(); }), 2u);
 
-  std::atomic<bool> added{false};
-  onLoop([&] { service_->addFingerprint("AAAA", 1, 2, [&] { added = true; }); });
-  ASSERT_TRUE(waitUntil([&] { return added.load(); }));
-  EXPECT_EQ(speedStatuses_->values(), (std::vector<std::string>{"low"}));
+  addFingerprint();
+  EXPECT_EQ(speedStatuses_->values(), (Strings{"low"}));
   EXPECT_EQ(onLoop([&] { return service_->speed(); }), TLRSpeedLow);
   EXPECT_EQ(onLoop([&] { return service_->delayLessThenOneSecCount(); }), 0u);
-}
 
-TEST_F(SpeedStatusTest, AFingerprintReplyAfterThreeSecondsPostsInvalidConnection) {
-  connect([](const json& request) -> Replies { return {replyTo(request, {}, 3050ms)}; });
-  std::atomic<bool> added{false};
-  onLoop([&] { service_->addFingerprint("AAAA", 1, 2, [&] { added = true; }); });
-  ASSERT_TRUE(waitUntil([&] { return added.load(); }, 10s));
-  EXPECT_EQ(speedStatuses_->values(), (std::vector<std::string>{"invalidConnection"}));
+  *fingerprintDelay = 3050;
+  addFingerprint();
+  EXPECT_EQ(speedStatuses_->values(), (Strings{"low", "invalidConnection"}));
   EXPECT_EQ(onLoop([&] { return service_->speed(); }), TLRSpeedInvalidConnection);
 }
 
 using PushTest = MessageServiceTest;
 
-TEST_F(PushTest, NearbyPushesReachTheDelegateAndCountAsSlowUntilAFastReply) {
-  connect();
-  server_.pushText(R"({"type":102,"data":{"clientId":"c1","payload":{"name":"x"}}})");
-  server_.pushText(R"({"type":102,"data":{"clientId":"c2"}})");
-  server_.pushText(R"({"type":103,"data":{"clientId":"c1"}})");
-  ASSERT_TRUE(waitUntil([&] { return delegate_->removed.size() == 1; }));
-
-  const auto added = delegate_->added.values();
-  ASSERT_EQ(added.size(), 2u);
-  EXPECT_EQ(added[0].first, "c1");
-  EXPECT_EQ(added[0].second, json({{"name", "x"}}));
-  EXPECT_EQ(added[1].first, "c2");
-  EXPECT_TRUE(added[1].second.is_null());
-  EXPECT_EQ(delegate_->removed.values(), (std::vector<std::string>{"c1"}));
-
-  // A push matches no request, so it counts as a reply slower than 25 s.
-  EXPECT_EQ(onLoop([&] { return service_->badDelaysCount(); }), 3u);
-  roundTrip();
-  EXPECT_EQ(onLoop([&] { return service_->badDelaysCount(); }), 0u);
-}
-
+// Found and lost pushes reach the host in the facade's tests.
 TEST_F(PushTest, AReplyThatAlsoCarriesAPushTypeIsBoth) {
   connect([](const json& request) -> Replies {
     return {replyTo(request, {{"type", 103}, {"data", {{"clientId", "gone"}}}})};
@@ -207,17 +163,12 @@ TEST_F(PushTest, PushesWithoutADelegateAreDropped) {
   EXPECT_TRUE(waitUntil([&] { return allMessages() == 1; }));
 }
 
-using MalformedFrameTest = MessageServiceTest;
-
-TEST_F(MalformedFrameTest, NothingTheServerSendsDisturbsTheNextGoodReply) {
-  const std::vector<std::string> garbage = {
-      "",
-      "{\"requestId\":",
-      "[{\"requestId\":0}]",
-      R"({"requestId":"0"})",
-      R"({"requestId":1e300})",
-      R"({"requestId":-1})",
-      R"({"requestId":null,"data":5})",
+// Unparsable text and deep nesting are parseInboundObject's test; stray ids and
+// bad reply data (kept in step, nearby lists null or a list) are checked on
+// every input of the fuzzer. Here: pushes the delegate must never hear of.
+TEST_F(PushTest, UnusablePushesReachNoOneAndTheNextGoodOneIsHandled) {
+  connect();
+  const Strings garbage = {
       R"({"type":"102","data":{"clientId":"x"}})",
       R"({"type":102,"data":5})",
       R"({"type":102,"data":[{"clientId":"x"}]})",
@@ -225,47 +176,17 @@ TEST_F(MalformedFrameTest, NothingTheServerSendsDisturbsTheNextGoodReply) {
       R"({"type":103,"data":{"clientId":{"id":"x"}}})",
       R"({"type":103})",
       R"({"type":999,"data":{"clientId":"x"}})",
-      "{\"type\":102,\"data\":{\"clientId\":\"x\"}" + std::string(50000, '[') +
-          std::string(50000, ']') + "}",
       std::string(100000, '['),
   };
-  // Malformed replies to real requests: bad "data" of every kind.
-  const std::vector<json> badNearby = {{{"data", 5}},
-                                       {{"data", {{"nearby", "not a list"}}}},
-                                       {{"data", {{"nearby", 3}}}},
-                                       {{"data", json::array()}},
-                                       json::object()};
-  std::atomic<size_t> nearbyReplies{0};
-  connect([&](const json& request) -> Replies {
-    if (request["type"] == 2) return {replyTo(request, badNearby.at(nearbyReplies++ % 5))};
-    if (request["type"] == 3) return {replyTo(request, {{"data", "1234"}})};
-    return {replyTo(request)};
-  });
-
   for (const auto& frame : garbage)
     server_.pushText(frame);
   ASSERT_TRUE(waitUntil([&] { return allMessages() == garbage.size(); }));
   EXPECT_EQ(delegate_->added.size() + delegate_->removed.size(), 0u);
 
-  Recorded<json> nearby;
-  Recorded<double> times;
-  onLoop([&] {
-    for (size_t i = 0; i < badNearby.size(); ++i)
-      service_->requestAllNearbyWithCallback([&](const json& list) { nearby.add(list); });
-    service_->requestTime([&](double time) { times.add(time); });
-  });
-  ASSERT_TRUE(waitUntil([&] { return nearby.size() == badNearby.size() && times.size() == 1; }));
-  for (const auto& list : nearby.values())
-    EXPECT_TRUE(list.is_null()) << list;
-  EXPECT_EQ(times.values()[0], 0.0);
-
-  // Still in step: a good reply and a good push are handled as usual.
   roundTrip();
-  server_.pushText(R"({"type":102,"data":{"clientId":"ok","payload":"p"}})");
+  server_.pushText(R"({"type":102,"data":{"clientId":"ok"}})");  // no payload: null
   ASSERT_TRUE(waitUntil([&] { return delegate_->added.size() == 1; }));
-  EXPECT_EQ(delegate_->added.values()[0].first, "ok");
-  EXPECT_TRUE(onLoop([&] { return service_->sendedMessages().empty(); }));
-  EXPECT_TRUE(onLoop([&] { return service_->isConnectionOpened(); }));
+  EXPECT_EQ(delegate_->added.values()[0], std::make_pair(std::string("ok"), json()));
 }
 
 }  // namespace

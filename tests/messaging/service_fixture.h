@@ -56,10 +56,7 @@ class MessageServiceTest : public ::testing::Test {
   void SetUp() override {
     speedObserver_ = TLRNotificationCenter::defaultCenter().addObserver(
         kTLRNetworkSpeedStatusChanged, [statuses = speedStatuses_](const TLRNotification& n) {
-          auto found = n.userInfo.find(kTLRSpeedStatusKey);
-          const auto* status =
-              found == n.userInfo.end() ? nullptr : std::get_if<std::string>(&found->second);
-          statuses->add(status ? *status : "<missing>");
+          statuses->add(std::get<std::string>(n.userInfo.at(kTLRSpeedStatusKey)));
         });
   }
   void TearDown() override {
@@ -97,7 +94,9 @@ class MessageServiceTest : public ::testing::Test {
     });
   }
   // Opens with recording callbacks and waits for the first open.
-  void openAndWait() {
+  void connect(Script script = {}, Duration checkInterval = std::chrono::hours(1)) {
+    answerWith(std::move(script));
+    createService(checkInterval);
     onLoop([&] {
       service_->openConnectionWithOpenedCallback(
           [opened = opened_] { ++*opened; },
@@ -105,27 +104,21 @@ class MessageServiceTest : public ::testing::Test {
     });
     ASSERT_TRUE(waitUntil([&] { return *opened_ == 1; }));
   }
-  void connect(Script script = {}, Duration checkInterval = std::chrono::hours(1)) {
-    answerWith(std::move(script));
-    createService(checkInterval);
-    openAndWait();
-  }
   // Sends set-mode and waits for its reply.
   void roundTrip(int64_t mode = 3) {
     auto done = std::make_shared<std::atomic<bool>>(false);
     onLoop([&] { service_->establishClientMode(mode, [done] { *done = true; }); });
     ASSERT_TRUE(waitUntil([&] { return done->load(); }));
   }
+  // Sends a fingerprint and waits for its reply, however late.
+  void addFingerprint() {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    onLoop([&] { service_->addFingerprint("AAAA", 1, 2, [done] { *done = true; }); });
+    ASSERT_TRUE(waitUntil([&] { return done->load(); }, 2 * kDefaultWait));
+  }
 
   uint64_t allMessages() {
     return onLoop([&] { return service_->allMessagesCount(); });
-  }
-  // The requests the server received, parsed, in arrival order.
-  std::vector<nlohmann::json> receivedRequests() const {
-    std::vector<nlohmann::json> requests;
-    for (const auto& frame : server_.log().frames)
-      requests.push_back(nlohmann::json::parse(frame.payload, nullptr, false));
-    return requests;
   }
 
   RuntimeSandbox sandbox_;

@@ -19,39 +19,19 @@ namespace {
 
 using nlohmann::json;
 
-json wire(TLRClientMessage& message) {
-  std::optional<std::string> bytes = message.messageData();
-  EXPECT_TRUE(bytes.has_value());
-  return bytes ? json::parse(*bytes) : json();
-}
-
-// Ids follow the order of first serialisation: first_message_id_test.cpp.
-TEST(MessageIdTest, AFailedSerialisationStillUsesUpAnId) {
-  TLRClientMessage broken(TLRMessageTypeSetPayload, std::monostate{});
-  broken.setData(std::string("\xff\xfe"));
-  EXPECT_FALSE(broken.messageData().has_value());
-  ASSERT_TRUE(broken.hasMessageID());
-
-  TLRCLMessageGetAllNearby next([](const json&) {});
-  EXPECT_EQ(wire(next)["id"], broken.messageID() + 1);
-}
-
+// Ids follow the order of first serialisation: first_message_id_test.cpp. The
+// search's own requests (mode, payload, nearby, time) are checked as sent, in
+// the facade's search test.
 TEST(WireFormatTest, EachMessageSendsItsTypeAndOwnDataAsCompactJson) {
   TLRCLMessageSetMode mode(3, {});
-  TLRCLMessageSetPayload payload(std::string("hello{\"x\":1}"), {});
   TLRCLMessageSetPayload emptyPayload(std::string(), {});
-  TLRCLMessageGetAllNearby nearby([](const json&) {});
-  TLRCLMessageGetTime time([](double) {});
   TLRCLMessageAddFingerprint fingerprint("q83vAA==", 1700000000123.625, 1700000000620.125, {});
   TLRCLMessageSetEnvironment environment({55.75, 37.62}, {"aa:bb:cc:dd:ee:ff"}, {});
   const json fingerprintData = {
       {"fp", "q83vAA=="}, {"stime", 1700000000123.625}, {"etime", 1700000000620.125}};
   const std::vector<std::pair<TLRClientMessage*, json>> cases = {
       {&mode, {{"type", 0}, {"data", {{"mode", 3}}}}},
-      {&payload, {{"type", 1}, {"data", "hello{\"x\":1}"}}},  // the bare text
-      {&emptyPayload, {{"type", 1}, {"data", ""}}},
-      {&nearby, {{"type", 2}}},
-      {&time, {{"type", 3}}},
+      {&emptyPayload, {{"type", 1}, {"data", ""}}},              // the bare text
       {&fingerprint, {{"type", 4}, {"data", fingerprintData}}},  // fractions kept
       {&environment, {{"type", 5}, {"data", json::object()}}},   // never the values given
   };
@@ -63,33 +43,25 @@ TEST(WireFormatTest, EachMessageSendsItsTypeAndOwnDataAsCompactJson) {
     sent.erase("id");
     EXPECT_EQ(sent, expected) << bytes;
   }
-  EXPECT_TRUE(wire(mode)["data"]["mode"].is_number_integer());
+  EXPECT_TRUE(json::parse(*mode.messageData())["data"]["mode"].is_number_integer());
 }
 
 TEST(WireFormatTest, UnwritableDataGivesNoBytes) {
   TLRCLMessageAddFingerprint badText("\xc3\x28", 1, 2, {});
   TLRCLMessageAddFingerprint notANumber("fp", std::nan(""), 2, {});
   TLRCLMessageSetPayload infinite(json::array({1.0, std::numeric_limits<double>::infinity()}), {});
-  EXPECT_FALSE(badText.messageData().has_value());
-  EXPECT_FALSE(notANumber.messageData().has_value());
-  EXPECT_FALSE(infinite.messageData().has_value());
+  for (TLRClientMessage* message : std::vector<TLRClientMessage*>{&badText, &notANumber, &infinite})
+    EXPECT_FALSE(message->messageData().has_value());
 }
 
 TEST(ParseInboundObjectTest, AnythingButAnObjectReadsAsEmpty) {
-  const std::vector<std::string> texts = {"",
-                                          "not json",
-                                          "[1,2]",
-                                          "42",
-                                          "\"text\"",
-                                          "null",
-                                          "{\"a\":",
-                                          "{} trailing",
-                                          std::string("{\"a\":\"\xff\"}"),
-                                          std::string("{\"a\":1}\0x", 9)};
-  for (const std::string& text : texts) {
+  for (const std::string& text :
+       {std::string(), std::string("not json"), std::string("[1,2]"), std::string("42"),
+        std::string("\"text\""), std::string("null"), std::string("{\"a\":"),
+        std::string("{} trailing"), std::string("{\"a\":\"\xff\"}"),
+        std::string("{\"a\":1}\0x", 9)}) {
     const json parsed = parseInboundObject(text);
-    EXPECT_TRUE(parsed.is_object()) << text;
-    EXPECT_TRUE(parsed.empty()) << text;
+    EXPECT_TRUE(parsed.is_object() && parsed.empty()) << text;
   }
   EXPECT_EQ(parseInboundObject("{\"requestId\":7}")["requestId"], 7);
 }
@@ -127,7 +99,6 @@ TEST(LenientDoubleTest, ReadsTheLeadingNumberZeroWithoutOneAndSaturates) {
   EXPECT_EQ(lenientDouble("1e3x"), 1000.0);
   EXPECT_EQ(lenientDouble("1e"), 1.0);
   EXPECT_EQ(lenientDouble("2E-1"), 0.2);
-  EXPECT_EQ(lenientDouble("1700000000123.625"), 1700000000123.625);
   EXPECT_EQ(lenientDouble("-1e400"), -HUGE_VAL);
   const std::string tiny = "0." + std::string(400, '0') + "1";
   for (const std::string& zero : std::vector<std::string>{"", "abc", "-", ".", "e5", "nan", "inf",

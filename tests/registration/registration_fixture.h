@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "registration/http_error.h"
 #include "registration/registration_service.h"
 #include "tellora/error.h"
 #include "tests/runtime/runtime_sandbox.h"
@@ -20,39 +22,34 @@
 namespace tellora::registration_test {
 
 using namespace std::chrono_literals;
+using enum TLRHTTPErrorCode;
 using testing::HttpReply;
 using testing::HttpRequestRecord;
 using testing::HttpTestServer;
 
-template <class T>
-struct Calls {
-  std::vector<T> values;
-  bool allOnLoop = true;
-};
-
 // Collects the values a completion is called with.
 template <class T>
-class CallRecorder : public testing::Watched<Calls<T>> {
+class CallRecorder {
  public:
   void record(T value) {
-    const bool onLoop = EventLoop::main().isCurrent();
-    this->update([&](Calls<T>& calls) {
-      calls.values.push_back(std::move(value));
-      calls.allOnLoop = calls.allOnLoop && onLoop;
-    });
+    if (!EventLoop::main().isCurrent()) offLoop_ = true;
+    values_.add(std::move(value));
   }
   // Waits for `count` calls and a little longer for a stray extra one, and
   // expects exactly `count`, all on the loop.
   std::vector<T> expectCalls(std::size_t count) const {
-    const bool arrived = this->waitUntil(
-        [count](const Calls<T>& calls) { return calls.values.size() >= count; }, 10s);
-    EXPECT_TRUE(arrived) << "too few completions";
+    EXPECT_TRUE(
+        testing::waitUntil([&] { return values_.size() >= count; }, 2 * testing::kDefaultWait))
+        << "too few completions";
     std::this_thread::sleep_for(50ms);
-    const Calls<T> calls = this->get();
-    EXPECT_EQ(calls.values.size(), count) << "completion called more than once";
-    EXPECT_TRUE(calls.allOnLoop) << "completion ran off the SDK's loop";
-    return calls.values;
+    EXPECT_EQ(values_.size(), count) << "completion called more than once";
+    EXPECT_FALSE(offLoop_) << "completion ran off the SDK's loop";
+    return values_.values();
   }
+
+ private:
+  testing::Recorded<T> values_;
+  std::atomic<bool> offLoop_{false};
 };
 
 struct RegistrationOutcome {
@@ -65,16 +62,12 @@ class RegistrationTest : public ::testing::Test {
  protected:
   RegistrationTest() { testing::RuntimeSandbox::setDebug(true); }
 
-  // A device description with a distinct value in every field.
-  static TLRDeviceInfo sampleDevice() {
-    return TLRDeviceInfo("Debian GNU/Linux", "12", "ThinkPad X1", "de-DE", "com.example.host",
-                         "2.7.1");
-  }
-
-  // Registers against `url` and returns the one completion's outcome.
-  static RegistrationOutcome registerAt(const std::string& url, int32_t appID = 7,
-                                        const std::string& appSecret = "x",
-                                        const TLRDeviceInfo& device = sampleDevice()) {
+  // Registers against `url` (a device with a distinct value in every field)
+  // and returns the one completion's outcome.
+  static RegistrationOutcome registerAt(
+      const std::string& url, int32_t appID = 7, const std::string& appSecret = "x",
+      const TLRDeviceInfo& device = TLRDeviceInfo("Debian GNU/Linux", "12", "ThinkPad X1", "de-DE",
+                                                  "com.example.host", "2.7.1")) {
     auto recorder = std::make_shared<CallRecorder<RegistrationOutcome>>();
     TLRRegistrationService::registerClientOnServer(
         url, appID, appSecret, device, [recorder](auto id, auto secret, auto error) {

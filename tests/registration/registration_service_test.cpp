@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <tuple>
 
 #include "registration/registration_service.h"
 #include "runtime/event_loop.h"
@@ -43,14 +44,10 @@ TEST_F(RegistrationRequestTest, PostsAppCredentialsAndDeviceAsJson) {
   EXPECT_EQ(request.header("Content-Type"), "application/json");
   EXPECT_EQ(request.header("Host"), "127.0.0.1:" + std::to_string(server_->port()));
 
-  const auto body = nlohmann::json::parse(request.body, nullptr, false);
-  ASSERT_TRUE(body.is_object()) << request.body;
-  EXPECT_EQ(body.size(), 2u);
-  EXPECT_EQ(body["app"], (nlohmann::json{{"id", 7}, {"secretKey", "x"}}));
-  const nlohmann::json device = {{"os", "Debian GNU/Linux"},      {"osVersion", "12"},
-                                 {"hardware", "ThinkPad X1"},     {"language", "de-DE"},
-                                 {"appName", "com.example.host"}, {"appVersion", "2.7.1"}};
-  EXPECT_EQ(body["device"], device);
+  EXPECT_EQ(nlohmann::json::parse(request.body, nullptr, false), nlohmann::json::parse(R"({
+      "app": {"id": 7, "secretKey": "x"},
+      "device": {"os": "Debian GNU/Linux", "osVersion": "12", "hardware": "ThinkPad X1",
+                 "language": "de-DE", "appName": "com.example.host", "appVersion": "2.7.1"}})"));
 
   // With the debug switch on, the device description is logged too.
   EXPECT_EQ(sandbox_.countLogStartingWith("device info {\"appName\":\"com.example.host\""), 1u);
@@ -78,56 +75,42 @@ TEST_F(RegistrationRequestTest, TextThatIsNotUtf8IsReplacedNotRefused) {
 
 using RegistrationReplyTest = RegistrationTest;
 
+// Every reply is checked against the same rules by
+// fuzz/registration_reply_fuzzer.cpp, on its seeds (201 after an interim
+// response, 204, an empty body, wrong kinds, refusals) and whatever it finds;
+// these are the edges it need not reach.
 TEST_F(RegistrationReplyTest, AnySuccessGivesTheIdentityItHoldsMissingOrMistypedKeysGiveNulls) {
-  struct Case {
-    unsigned status;
-    std::string body;
-    std::optional<std::string> id;
-    std::optional<std::string> secret;
-  };
-  const std::vector<Case> cases = {
-      {200, R"({"clientId":"a","clientSecret":"b","other":[1,2]})", "a", "b"},
-      {201, kIdentityReply, "a", "b"},
+  using Identity = std::optional<std::string>;
+  const std::vector<std::tuple<unsigned, std::string, Identity, Identity>> cases = {
       {299, kIdentityReply, "a", "b"},
-      {200, "{}", std::nullopt, std::nullopt},
       {200, R"({"clientId":"a"})", "a", std::nullopt},
-      {200, R"({"clientId":5,"clientSecret":null})", std::nullopt, std::nullopt},
       {200, R"({"clientId":["a"],"clientSecret":"b"})", std::nullopt, "b"},
       {200, R"({"clientid":"a","ClientSecret":"b"})", std::nullopt, std::nullopt},
       {200, R"([{"clientId":"a"}])", std::nullopt, std::nullopt},
-      {200, R"("clientId")", std::nullopt, std::nullopt},
-      {200, "", std::nullopt, std::nullopt},
       {200, " \r\n", std::nullopt, std::nullopt},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.status) + " " + c.body);
-    const auto outcome = registerAnswering(HttpReply::json(c.status, c.body));
-    EXPECT_EQ(outcome.clientID, c.id);
-    EXPECT_EQ(outcome.clientSecret, c.secret);
+  for (const auto& [status, body, id, secret] : cases) {
+    SCOPED_TRACE(std::to_string(status) + " " + body);
+    const auto outcome = registerAnswering(HttpReply::json(status, body));
+    EXPECT_EQ(outcome.clientID, id);
+    EXPECT_EQ(outcome.clientSecret, secret);
     EXPECT_FALSE(outcome.error) << outcome.error->description();
   }
 }
 
 TEST_F(RegistrationReplyTest, FailingAnswersGiveTheirError) {
   const std::string huge = R"({"clientId":")" + std::string(1u << 20, 'a') + R"("})";
-  struct Case {
-    unsigned status;
-    std::string body;
-    int64_t code;
-  };
-  constexpr auto kCannotParse = static_cast<int64_t>(TLRHTTPErrorCode::CannotParseResponse);
-  std::vector<Case> cases = {
-      {200, "<html>ok</html>", kCannotParse},
-      {200, "{} {}", kCannotParse},
-      {200, huge, static_cast<int64_t>(TLRHTTPErrorCode::ResponseTooLarge)},
+  std::vector<std::tuple<unsigned, std::string, int64_t>> cases = {
+      {200, "{} {}", static_cast<int64_t>(CannotParseResponse)},
+      {200, huge, static_cast<int64_t>(ResponseTooLarge)},
       {801, huge, 801},  // the status fails before the size is looked at
   };
   // A refusal's body is not looked at, even when it holds an identity.
-  for (const unsigned status : {801u, 802u, 500u, 404u, 302u, 300u})
+  for (const unsigned status : {801u, 404u, 302u, 300u})
     cases.push_back({status, kIdentityReply, status});
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.status) + " " + c.body.substr(0, 20));
-    expectFailure(registerAnswering(HttpReply::json(c.status, c.body)), c.code, c.status);
+  for (const auto& [status, body, code] : cases) {
+    SCOPED_TRACE(std::to_string(status) + " " + body.substr(0, 20));
+    expectFailure(registerAnswering(HttpReply::json(status, body)), code, status);
   }
 }
 
@@ -148,49 +131,41 @@ TEST_F(RegistrationReplyTest, RedirectsAreFollowedWithinALimit) {
     if (request.target == "/nowhere") return HttpReply::json(302, "");
     return HttpReply::json(200, kIdentityReply);
   });
-  struct Case {
-    const char* path;
-    const char* secondMethod;
-  };
-  for (const Case& c :
-       {Case{"/moved", "POST"}, Case{"/temporary", "POST"}, Case{"/see-other", "GET"}}) {
-    SCOPED_TRACE(c.path);
-    const size_t before = server_->requests().size();
-    const auto outcome = registerAt(server_->url(c.path));
+  for (const auto& [path, secondMethod] : std::vector<std::pair<std::string, std::string>>{
+           {"/moved", "POST"}, {"/temporary", "POST"}, {"/see-other", "GET"}}) {
+    SCOPED_TRACE(path);
+    server_->clearLog();
+    const auto outcome = registerAt(server_->url(path));
     EXPECT_EQ(outcome.clientID, "a");
     EXPECT_FALSE(outcome.error);
     const auto requests = server_->requests();
-    ASSERT_EQ(requests.size(), before + 2);
-    EXPECT_EQ(requests.back().target, "/register");
-    EXPECT_EQ(requests.back().method, c.secondMethod);
-    EXPECT_EQ(requests.back().body.empty(), std::string(c.secondMethod) == "GET");
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[1].target, "/register");
+    EXPECT_EQ(requests[1].method, secondMethod);
+    EXPECT_EQ(requests[1].body.empty(), secondMethod == "GET");
   }
-  const size_t before = server_->requests().size();
+  server_->clearLog();
   expectFailure(registerAt(server_->url("/loop")), 308, 308);
-  EXPECT_EQ(server_->requests().size(), before + 6);  // the first and five redirects
+  EXPECT_EQ(server_->requests().size(), 6u);  // the first and five redirects
   // Without a Location there is nowhere to go: not even the same URL again.
   expectFailure(registerAt(server_->url("/nowhere")), 302, 302);
-  EXPECT_EQ(server_->requests().size(), before + 7);
+  EXPECT_EQ(server_->requests().size(), 7u);
 }
 
-TEST_F(RegistrationReplyTest, HangUpOrServerGoneGivesAnErrorWithoutStatus) {
-  expectFailure(registerAnswering(HttpReply::hangUpAfter(20ms)),
-                TLRHTTPErrorCode::NetworkConnectionLost);
-  EXPECT_EQ(server_->requests().size(), 1u);
+// A hang-up is the HTTP client's test ("nothing at all").
+TEST_F(RegistrationReplyTest, ServerGoneGivesAnErrorWithoutStatus) {
   server_->stop();
-  expectFailure(registerAt(server_->url("/register")), TLRHTTPErrorCode::CannotConnectToHost);
+  expectFailure(registerAt(server_->url("/register")), CannotConnectToHost);
 }
 
 TEST_F(RegistrationReplyTest, UnusableUrlsFailWithoutARequest) {
-  const std::vector<std::pair<std::string, TLRHTTPErrorCode>> cases = {
-      // The parser's refusals are tested with the parser: one stands for them here.
-      {"not a url", TLRHTTPErrorCode::BadURL},
-      {"http://bad%0d%0ahost/register", TLRHTTPErrorCode::BadURL},
-      {"ftp://127.0.0.1/register", TLRHTTPErrorCode::UnsupportedURL},
-      {"ws://127.0.0.1:" + std::to_string(server_->port()) + "/register",
-       TLRHTTPErrorCode::UnsupportedURL},
-  };
-  for (const auto& [url, code] : cases) {
+  // The parser's refusals are tested with the parser: two stand for them here.
+  const std::string port = std::to_string(server_->port());
+  for (const auto& [url, code] : std::vector<std::pair<std::string, TLRHTTPErrorCode>>{
+           {"not a url", BadURL},
+           {"http://bad%0d%0ahost/register", BadURL},
+           {"ftp://127.0.0.1/register", UnsupportedURL},
+           {"ws://127.0.0.1:" + port + "/register", UnsupportedURL}}) {
     SCOPED_TRACE(url);
     expectFailure(registerAt(url), code);
   }
@@ -206,9 +181,11 @@ class RegistrationTlsTest : public RegistrationTest {
     RegistrationTest::TearDown();
   }
 
-  void useTlsServer(std::shared_ptr<const TestCertificates> certificates) {
-    server_ = std::make_unique<HttpTestServer>(std::move(certificates));
+  // An HTTPS server whose CA is trusted through the environment.
+  void useTlsServer() {
+    server_ = std::make_unique<HttpTestServer>(TestCertificates::create());
     server_->setReply(HttpReply::json(200, kIdentityReply));
+    trust(*server_->certificates());
   }
 
   void trust(const TestCertificates& certificates) {
@@ -219,16 +196,14 @@ class RegistrationTlsTest : public RegistrationTest {
 // The certificate checks themselves (CA, names, expiry) are the transport's,
 // tested there; here: the environment's CA and the error a refusal maps to.
 TEST_F(RegistrationTlsTest, CaTrustedThroughTheEnvironmentCarriesTheRequestAndNoOtherCa) {
-  useTlsServer(TestCertificates::create());
-  trust(*server_->certificates());
+  useTlsServer();
   const auto outcome = registerAt(server_->url("/register", "localhost"));
   EXPECT_EQ(outcome.clientID, "a");
   EXPECT_FALSE(outcome.error);
   EXPECT_EQ(server_->requests().size(), 1u);
 
   trust(*TestCertificates::create());
-  expectFailure(registerAt(server_->url("/register")),
-                TLRHTTPErrorCode::ServerCertificateUntrusted);
+  expectFailure(registerAt(server_->url("/register")), ServerCertificateUntrusted);
   EXPECT_TRUE(server_->waitFor([](const auto& log) { return log.failedTlsHandshakes >= 1; }));
   EXPECT_EQ(server_->requests().size(), 1u);
 }
@@ -236,8 +211,7 @@ TEST_F(RegistrationTlsTest, CaTrustedThroughTheEnvironmentCarriesTheRequestAndNo
 // A redirect never leads from https down to http: the redirect is the answer.
 TEST_F(RegistrationTlsTest, RedirectFromHttpsToHttpIsNotFollowed) {
   const HttpTestServer plain;
-  useTlsServer(TestCertificates::create());
-  trust(*server_->certificates());
+  useTlsServer();
   HttpReply moved = HttpReply::json(301, "");
   moved.headers.push_back({"Location", plain.url("/register")});
   server_->setReply(moved);
@@ -249,7 +223,7 @@ TEST_F(RegistrationTlsTest, PlainServerBehindAnHttpsUrlFailsTheHandshake) {
   server_->setReply(HttpReply::json(200, kIdentityReply));
   std::string url = server_->url("/register");
   url.replace(0, 4, "https");
-  expectFailure(registerAt(url), TLRHTTPErrorCode::SecureConnectionFailed);
+  expectFailure(registerAt(url), SecureConnectionFailed);
   EXPECT_TRUE(server_->requests().empty());
 }
 

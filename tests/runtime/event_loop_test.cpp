@@ -69,20 +69,17 @@ TEST_F(EventLoopTest, ExceptionsReachTheCallerOrAreSwallowedAndTheLoopKeepsRunni
 }
 
 TEST_F(EventLoopTest, DelayedTasksRunInDeadlineOrderAfterPlainPosts) {
-  std::vector<char> order;
-  std::promise<void> last;
+  std::vector<char> order;  // touched on the loop only
   const auto posted = std::chrono::steady_clock::now();
   std::chrono::steady_clock::time_point slowRanAt;
   loop_.postAfter(80ms, [&] {
     order.push_back('C');
     slowRanAt = std::chrono::steady_clock::now();
-    last.set_value();
   });
   // Armed from the loop itself.
   loop_.post([&] { loop_.postAfter(30ms, [&] { order.push_back('B'); }); });
   loop_.post([&] { order.push_back('A'); });
-  ASSERT_EQ(last.get_future().wait_for(5s), std::future_status::ready);
-  loop_.drain();
+  ASSERT_TRUE(waitUntil([&] { return loop_.call([&] { return order.size() == 3; }); }));
   EXPECT_EQ(order, (std::vector<char>{'A', 'B', 'C'}));
   EXPECT_GE(slowRanAt - posted, 80ms);
 }
@@ -102,20 +99,19 @@ class RepeatingTimerTest : public ::testing::Test {
   void TearDown() override {
     loop_.call([&] { timer_.reset(); });
   }
-
   void makeTimer(std::chrono::milliseconds interval, Task tick) {
     loop_.call(
         [&] { timer_ = std::make_unique<RepeatingTimer>(loop_, interval, std::move(tick)); });
   }
-  template <class F>
-  auto onLoop(F&& f) {
-    return loop_.call(std::forward<F>(f));
+  void start() {
+    loop_.call([&] { timer_->start(); });
   }
-  int ticks() {
-    return onLoop([&] { return ticks_; });
+  int ticksAfter(std::chrono::milliseconds pause) {
+    std::this_thread::sleep_for(pause);
+    return loop_.call([&] { return ticks_; });
   }
   bool ticksReach(int count) {
-    return waitUntil([&] { return ticks() >= count; });
+    return waitUntil([&] { return ticksAfter(0ms) >= count; });
   }
 
   EventLoop loop_{"timer-loop"};
@@ -123,33 +119,24 @@ class RepeatingTimerTest : public ::testing::Test {
   int ticks_ = 0;                          // touched on the loop only
 };
 
-TEST_F(RepeatingTimerTest, TicksFromStartUntilInvalidatedAndStartsAgain) {
-  makeTimer(2ms, [&] { ++ticks_; });
-  std::this_thread::sleep_for(20ms);
-  EXPECT_EQ(ticks(), 0) << "ticked before start";
-
-  onLoop([&] { timer_->start(); });
-  ASSERT_TRUE(ticksReach(3));
-  const int atInvalidate = onLoop([&] {
+TEST_F(RepeatingTimerTest, TicksOnOneScheduleFromStartUntilInvalidatedFromItsTickAndStartsAgain) {
+  constexpr auto kInterval = 5ms;
+  std::chrono::steady_clock::time_point startedAt, sixthAt;
+  makeTimer(kInterval, [&] {
+    timer_->start();  // a no-op while valid: must not add a second chain of ticks
+    if (++ticks_ != 6) return;
     timer_->invalidate();
-    return ticks_;
+    sixthAt = std::chrono::steady_clock::now();
   });
-  std::this_thread::sleep_for(20ms);
-  EXPECT_EQ(ticks(), atInvalidate);
-  EXPECT_FALSE(onLoop([&] { return timer_->isValid(); }));
-
-  onLoop([&] { timer_->start(); });
-  EXPECT_TRUE(ticksReach(atInvalidate + 3));
-}
-
-TEST_F(RepeatingTimerTest, CanInvalidateItselfFromItsTick) {
-  makeTimer(1ms, [&] {
-    if (++ticks_ == 2) timer_->invalidate();
-  });
-  onLoop([&] { timer_->start(); });
-  ASSERT_TRUE(ticksReach(2));
-  std::this_thread::sleep_for(20ms);
-  EXPECT_EQ(ticks(), 2);
+  EXPECT_EQ(ticksAfter(20ms), 0) << "ticked before start";
+  startedAt = std::chrono::steady_clock::now();
+  start();
+  ASSERT_TRUE(ticksReach(6));
+  // Ticks never come early, so one schedule allows at most one per interval.
+  EXPECT_LE(6, (sixthAt - startedAt) / kInterval + 1);
+  EXPECT_EQ(ticksAfter(20ms), 6);
+  start();
+  EXPECT_TRUE(ticksReach(9));
 }
 
 TEST_F(RepeatingTimerTest, CanBeDestroyedFromItsTick) {
@@ -160,42 +147,21 @@ TEST_F(RepeatingTimerTest, CanBeDestroyedFromItsTick) {
     timer_.reset();
     ++afterwards;
   });
-  onLoop([&] { timer_->start(); });
+  start();
   ASSERT_TRUE(ticksReach(1));
-  std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(ticks(), 1);
+  EXPECT_EQ(ticksAfter(10ms), 1);
 }
 
 TEST_F(RepeatingTimerTest, InvalidateDropsAWaitThatHasAlreadyExpired) {
   makeTimer(1ms, [&] { ++ticks_; });
-  onLoop([&] {
+  loop_.call([&] {
     timer_->start();
     // The deadline passes while the loop is busy; the completion may already
     // be queued when invalidate() runs.
     std::this_thread::sleep_for(10ms);
     timer_->invalidate();
   });
-  std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(ticks(), 0);
-}
-
-TEST_F(RepeatingTimerTest, StartWhileRunningKeepsOneSchedule) {
-  constexpr auto kInterval = 5ms;
-  std::chrono::steady_clock::time_point startedAt;
-  makeTimer(kInterval, [&] {
-    ++ticks_;
-    timer_->start();  // a no-op while valid: must not add a second chain of ticks
-  });
-  onLoop([&] {
-    startedAt = std::chrono::steady_clock::now();
-    timer_->start();
-  });
-  ASSERT_TRUE(ticksReach(6));
-  // Ticks never come early, so one schedule allows at most one per interval.
-  onLoop([&] {
-    timer_->invalidate();
-    EXPECT_LE(ticks_, (std::chrono::steady_clock::now() - startedAt) / kInterval + 1);
-  });
+  EXPECT_EQ(ticksAfter(10ms), 0);
 }
 
 TEST(SerialQueueTest, DestructorRunsJobsAlreadyPostedAndTheirFollowUps) {

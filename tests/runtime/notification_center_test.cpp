@@ -59,33 +59,24 @@ TEST_F(NotificationCenterTest, HandlersMayRemoveAddAndPostDuringAPost) {
   EXPECT_EQ(calls_, (Calls{"once", "B", "added"}));
 }
 
-TEST_F(NotificationCenterTest, UserInfoArrivesIntact) {
-  const TLRClient client(std::make_shared<const std::string>("c-1"), "payload");
-  const TLRError error = TLRError::make(3001, {{"reason", std::string("closed")}});
+// What the user info carries reaches the host in the facade's tests; here:
+// posting without user info and posting an empty one are told apart.
+TEST_F(NotificationCenterTest, UserInfoArrivesIntactAndItsAbsenceIsKnown) {
   std::vector<TLRNotification> received;
   center_.addObserver("Found", [&](const TLRNotification& n) { received.push_back(n); });
-
-  center_.post("Found", {{"client", client}, {"Error", error}, {"count", int64_t{3}}});
+  center_.post("Found", {{"count", int64_t{3}}});
   center_.post("Found");
   center_.post("Found", {});
-
   ASSERT_EQ(received.size(), 3u);
-  EXPECT_EQ(received[0].name, "Found");
-  EXPECT_EQ(std::get<TLRClient>(received[0].userInfo.at("client")), client);
-  EXPECT_EQ(std::get<TLRError>(received[0].userInfo.at("Error")), error);
   EXPECT_EQ(std::get<int64_t>(received[0].userInfo.at("count")), 3);
-  // Posting without user info and posting an empty one are told apart.
   EXPECT_TRUE(received[0].hasUserInfo);
   EXPECT_FALSE(received[1].hasUserInfo);
   EXPECT_TRUE(received[2].hasUserInfo);
 }
 
 TEST_F(NotificationCenterTest, ConcurrentPostsAndObserverChangesFromThreads) {
-  constexpr int kPosters = 4;
-  constexpr int kPostsEach = 1000;
   std::atomic<int> delivered{0};
   center_.addObserver("tick", [&](const TLRNotification&) { ++delivered; });
-
   std::atomic<bool> stop{false};
   std::thread churner([&] {
     // Observers come and go on another thread while posts run.
@@ -93,9 +84,9 @@ TEST_F(NotificationCenterTest, ConcurrentPostsAndObserverChangesFromThreads) {
       center_.removeObserver(center_.addObserver("tick", [](const TLRNotification&) {}));
   });
   std::vector<std::thread> posters;
-  for (int t = 0; t < kPosters; ++t) {
+  for (int t = 0; t < 4; ++t) {
     posters.emplace_back([&] {
-      for (int i = 0; i < kPostsEach; ++i)
+      for (int i = 0; i < 1000; ++i)
         center_.post("tick", {{"i", int64_t{i}}});
     });
   }
@@ -103,19 +94,16 @@ TEST_F(NotificationCenterTest, ConcurrentPostsAndObserverChangesFromThreads) {
     poster.join();
   stop = true;
   churner.join();
-  EXPECT_EQ(delivered.load(), kPosters * kPostsEach);
+  EXPECT_EQ(delivered.load(), 4000);
 }
 
 TEST(TLRClientTest, EqualityIsIdentityOfTheIdInstance) {
   const auto id = std::make_shared<const std::string>("client-7");
   const TLRClient reported(id, "hello");
   EXPECT_EQ(reported, TLRClient(id, std::nullopt));  // payload plays no part
-
   const TLRClient fromEqualCharacters(std::make_shared<const std::string>("client-7"), "hello");
-  const TLRClient fromPlainString(std::string("client-7"), "hello");
   EXPECT_FALSE(reported == fromEqualCharacters);
-  EXPECT_FALSE(fromPlainString == TLRClient(std::string("client-7"), "hello"));
-  EXPECT_EQ(fromEqualCharacters.clientID(), reported.clientID());
+  EXPECT_FALSE(TLRClient(std::string("client-7"), "") == TLRClient(std::string("client-7"), ""));
 
   // Without an id instance: an empty id, equal to nothing.
   const TLRClient nameless(std::shared_ptr<const std::string>(), "p");
@@ -123,12 +111,8 @@ TEST(TLRClientTest, EqualityIsIdentityOfTheIdInstance) {
   EXPECT_FALSE(nameless == TLRClient(std::shared_ptr<const std::string>(), "p"));
 }
 
-TEST(TLRErrorTest, DescriptionNamesTheSdkDomainAndEveryKindOfValue) {
-  EXPECT_EQ(TLRError::make(101, {{"message", std::string("Microphone is disabled")}}).description(),
-            "Error Domain=com.tellora.quillmark.ErrorDomain Code=101 "
-            "UserInfo={message=Microphone is disabled}");
-  EXPECT_EQ(TLRError::make(3002).description(),
-            "Error Domain=com.tellora.quillmark.ErrorDomain Code=3002");
+// The SDK's domain without user info is held by the CLI's refusal test.
+TEST(TLRErrorTest, DescriptionNamesTheDomainAndEveryKindOfValue) {
   EXPECT_EQ((TLRError{"other", -1, {}}.description()), "Error Domain=other Code=-1");
   const auto error = TLRError::make(801, {{"b", true},
                                           {"d", 0.5},

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "tests/runtime/runtime_sandbox.h"
@@ -38,18 +39,13 @@ class UserDefaultsTest : public ::testing::Test {
   testing::RuntimeSandbox sandbox_;
 };
 
-TEST_F(UserDefaultsTest, MissingFileIsAnEmptyStoreWithoutComplaintOrFile) {
-  UserDefaults store(file("absent.json"));
-  EXPECT_EQ(store.stringForKey("TLRUserDefaultsClientID"), std::nullopt);
-  EXPECT_FALSE(store.boolForKey("debug"));
-  EXPECT_EQ(loggedLines(), 0u);
-  EXPECT_FALSE(fs::exists(file("absent.json")));
-}
-
-TEST_F(UserDefaultsTest, ValuesAndRemovalsSurviveReopeningTheFile) {
-  const auto path = file("defaults.json");
+TEST_F(UserDefaultsTest, MissingFileIsAnEmptyStoreAndValuesAndRemovalsSurviveReopening) {
+  const auto path = file("absent.json");
   {
     UserDefaults store(path);
+    EXPECT_EQ(store.stringForKey("TLRUserDefaultsClientID"), std::nullopt);
+    EXPECT_FALSE(store.boolForKey("debug"));
+    EXPECT_FALSE(fs::exists(path));  // reading creates nothing
     store.setString("TLRUserDefaultsClientID", "id-1");
     store.setString("TLRUserDefaultsClientSecret", "s\"e\\cret\n");
     store.setBool("debug", true);
@@ -65,14 +61,14 @@ TEST_F(UserDefaultsTest, ValuesAndRemovalsSurviveReopeningTheFile) {
   EXPECT_TRUE(reopened.boolForKey("debug"));
   EXPECT_EQ(reopened.stringForKey("gone"), std::nullopt);
   EXPECT_EQ(reopened.stringForKey("removed"), std::nullopt);
+  EXPECT_EQ(loggedLines(), 0u);
 }
 
+// Strings never read as bools nor bools as strings: checked on every input of
+// fuzz/user_defaults_fuzzer.cpp. Here: the kinds the store does not keep.
 TEST_F(UserDefaultsTest, AKeyHoldsOneKindAndForeignKindsReadAsAbsent) {
   UserDefaults store(write(R"({"n": 5, "list": [1], "nothing": null, "obj": {"a": "b"},
-                               "debug": true, "name": "true"})"));
-  EXPECT_TRUE(store.boolForKey("debug"));
-  EXPECT_FALSE(store.boolForKey("name"));
-  EXPECT_EQ(store.stringForKey("debug"), std::nullopt);
+                               "name": "true"})"));
   EXPECT_FALSE(store.boolForKey("n"));
   EXPECT_EQ(store.stringForKey("obj"), std::nullopt);
   store.setBool("name", false);
@@ -140,30 +136,27 @@ TEST_F(UserDefaultsTest, ConcurrentWritersLeaveAConsistentFile) {
 
 TEST(UserDefaultsPath, OverrideThenAbsoluteXdgConfigHomeThenHome) {
   const char* const names[] = {"TELLORA_DEFAULTS_PATH", "XDG_CONFIG_HOME", "HOME"};
-  std::vector<std::optional<std::string>> saved;  // restored at the end
-  for (const char* name : names)
-    saved.push_back(std::getenv(name) ? std::optional<std::string>(std::getenv(name))
-                                      : std::nullopt);
+  std::optional<std::string> saved[3];  // restored at the end
+  for (int i = 0; i < 3; ++i)
+    if (const char* value = std::getenv(names[i])) saved[i] = value;
   const auto set = [](const char* name, const char* value) {
     value ? setenv(name, value, 1) : unsetenv(name);
   };
-  struct Case {
-    const char* explicitPath;
-    const char* xdg;
-    const char* expected;
-  };
-  for (const Case& c : {Case{"/somewhere/else.json", "/xdg", "/somewhere/else.json"},
-                        Case{nullptr, "/xdg", "/xdg/tellora/defaults.json"},
-                        Case{"", nullptr, "/home/someone/.config/tellora/defaults.json"},
-                        Case{"", "", "/home/someone/.config/tellora/defaults.json"},
-                        Case{"", "relative/dir", "/home/someone/.config/tellora/defaults.json"}}) {
-    set(names[0], c.explicitPath);
-    set(names[1], c.xdg);
+  const std::string home = "/home/someone/.config/tellora/defaults.json";
+  const std::vector<std::tuple<const char*, const char*, std::string>> cases = {
+      {"/somewhere/else.json", "/xdg", "/somewhere/else.json"},
+      {nullptr, "/xdg", "/xdg/tellora/defaults.json"},
+      {"", nullptr, home},
+      {"", "", home},
+      {"", "relative/dir", home}};
+  for (const auto& [explicitPath, xdg, expected] : cases) {
+    set(names[0], explicitPath);
+    set(names[1], xdg);
     set(names[2], "/home/someone");
-    EXPECT_EQ(UserDefaults::defaultPath(), fs::path(c.expected))
-        << (c.explicitPath ? c.explicitPath : "(unset)") << " " << (c.xdg ? c.xdg : "(unset)");
+    EXPECT_EQ(UserDefaults::defaultPath(), fs::path(expected))
+        << (explicitPath ? explicitPath : "(unset)") << " " << (xdg ? xdg : "(unset)");
   }
-  for (size_t i = 0; i < saved.size(); ++i)
+  for (int i = 0; i < 3; ++i)
     set(names[i], saved[i] ? saved[i]->c_str() : nullptr);
 }
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "tools/demo/child_process.h"
 #include "tools/demo/client_event.h"
@@ -18,11 +19,7 @@ constexpr size_t A = 0, B = 1, C = 2;
 constexpr double kChange = 18;  // seconds into A's search
 using Kind = ClientEvent::Kind;
 
-struct Step {
-  double at;
-  size_t device;
-  ClientEvent event;
-};
+using Step = std::tuple<double, size_t, ClientEvent>;  // when, whose output, what
 using Steps = std::vector<Step>;
 
 ClientEvent ev(Kind kind, std::string id = "", std::optional<std::string> payload = std::nullopt,
@@ -35,25 +32,23 @@ Steps all(double at, Kind kind) {
 }
 // A and B find or lose each other, with or without payloads.
 Steps pair(double at, Kind kind, bool payloads = true) {
-  const auto payload = [&](const char* p) {
-    return payloads ? std::optional<std::string>(p) : std::nullopt;
-  };
-  return {{at, A, ev(kind, "id-b", payload("bob"))},
-          {at + 0.1, B, ev(kind, "id-a", payload("alice"))}};
+  using Payload = std::optional<std::string>;
+  return {{at, A, ev(kind, "id-b", payloads ? Payload("bob") : std::nullopt)},
+          {at + 0.1, B, ev(kind, "id-a", payloads ? Payload("alice") : std::nullopt)}};
 }
 Steps join(std::initializer_list<Steps> parts) {
   Steps steps;
   for (const Steps& part : parts)
     steps.insert(steps.end(), part.begin(), part.end());
   std::stable_sort(steps.begin(), steps.end(),
-                   [](const Step& x, const Step& y) { return x.at < y.at; });
+                   [](const Step& x, const Step& y) { return std::get<0>(x) < std::get<0>(y); });
   return steps;
 }
 // Everyone starts, A and B find each other, lose each other after the change
 // and stop; `extra` happens in between.
-Steps usualRun(const Steps& extra = {}) {
+Steps usualRun(const Steps& extra = {}, bool lostWithPayloads = true) {
   return join({all(0.3, Kind::searchStarted), pair(2.1, Kind::clientFound), extra,
-               pair(20.0, Kind::clientLost), all(36.2, Kind::searchStopped)});
+               pair(20.0, Kind::clientLost, lostWithPayloads), all(36.2, Kind::searchStopped)});
 }
 
 bool anyLineHas(const std::vector<std::string>& lines, const std::string& text) {
@@ -67,65 +62,55 @@ class DemoVerdictTest : public ::testing::Test {
 
   std::vector<std::string> play(const Steps& steps) {
     std::vector<std::string> lines;
-    for (const Step& s : steps)
-      for (std::string& line : timeline.clientEvent(s.at, s.device, s.event))
+    for (const auto& [at, device, event] : steps)
+      for (std::string& line : timeline.clientEvent(at, device, event))
         lines.push_back(std::move(line));
     return lines;
   }
-  std::optional<Check> check(const std::string& what) {
+  Check check(const std::string& what) {
     for (const Check& c : timeline.verdict().checks)
       if (c.what == what) return c;
     ADD_FAILURE() << "no check " << what;
-    return std::nullopt;
+    return {};
   }
 };
 
-TEST_F(DemoVerdictTest, RunsThatPass) {
-  const Steps runs[] = {
-      usualRun(),
+// Each run and the checks it fails; every other check must pass.
+TEST_F(DemoVerdictTest, ChecksFailExactlyWhenTheRunGoesAgainstTheRooms) {
+  const std::string aLost = "A lost B after A's room changed",
+                    bLost = "B lost A after A's room changed",
+                    clean = "no found or lost against the rooms";
+  const std::pair<Steps, std::vector<std::string>> runs[] = {
+      {usualRun(), {}},
       // Lost without payload: matched by client id.
-      join({all(0.3, Kind::searchStarted), pair(2.1, Kind::clientFound),
-            pair(20.0, Kind::clientLost, false), all(36.2, Kind::searchStopped)}),
+      {usualRun({}, false), {}},
       // Fingerprints from before the change can decide a match a moment after it.
-      join({all(0.3, Kind::searchStarted), pair(0.3 + kChange + 1.0, Kind::clientFound),
-            pair(0.3 + kChange + 3.0, Kind::clientLost), all(36.3, Kind::searchStopped)})};
-  for (const Steps& run : runs) {
-    timeline = DemoTimeline{demoDevices(kChange)};
-    play(run);
-    EXPECT_TRUE(timeline.verdict().passed()) << "run " << (&run - runs);
-  }
-}
-
-TEST_F(DemoVerdictTest, FindingTheDeviceOfAnotherRoomFails) {
-  play(usualRun({{5.0, C, ev(Kind::clientFound, "id-a", "alice")}}));
-  EXPECT_FALSE(check("nobody found C, C found nobody")->passed);
-  EXPECT_FALSE(timeline.verdict().passed());
-}
-
-TEST_F(DemoVerdictTest, LosingWhileStillInTheSameRoomFailsEvenWhenFoundAgain) {
-  const auto lines = play(usualRun({{9.0, A, ev(Kind::clientLost, "id-b", "bob")},
-                                    {11.0, A, ev(Kind::clientFound, "id-b", "bob")}}));
-  EXPECT_TRUE(anyLineHas(lines, "unexpected: same room"));
-  EXPECT_FALSE(check("no found or lost against the rooms")->passed);
-  EXPECT_TRUE(check("A found B")->passed);
-}
-
-TEST_F(DemoVerdictTest, FindingAgainAfterTheChangeFails) {
-  play(usualRun(pair(26.0, Kind::clientFound)));
-  EXPECT_FALSE(check("A lost B after A's room changed")->passed);
-  EXPECT_FALSE(check("no found or lost against the rooms")->passed);
-}
-
-TEST_F(DemoVerdictTest, LossesCausedByTheRunEndingDoNotCount) {
-  // Never lost after the change; A stops first, and B loses it only then.
-  play(join({all(0.3, Kind::searchStarted),
+      {join({all(0.3, Kind::searchStarted), pair(0.3 + kChange + 1.0, Kind::clientFound),
+             pair(0.3 + kChange + 3.0, Kind::clientLost), all(36.3, Kind::searchStopped)}),
+       {}},
+      {usualRun({{5.0, C, ev(Kind::clientFound, "id-a", "alice")}}),
+       {"nobody found C, C found nobody"}},
+      // Lost while still in the same room fails even when found again.
+      {usualRun({{9.0, A, ev(Kind::clientLost, "id-b", "bob")},
+                 {11.0, A, ev(Kind::clientFound, "id-b", "bob")}}),
+       {clean}},
+      {usualRun(pair(26.0, Kind::clientFound)), {aLost, bLost, clean}},
+      // Never lost after the change; A stops first, and B loses it only then:
+      // losses caused by the run ending do not count.
+      {join({all(0.3, Kind::searchStarted),
              pair(2.1, Kind::clientFound),
              {{36.2, A, ev(Kind::searchStopped)}, {36.3, B, ev(Kind::clientLost, "id-a", "alice")}},
-             all(36.4, Kind::searchStopped)}));
-  const auto c = check("B lost A after A's room changed");
-  ASSERT_TRUE(c);
-  EXPECT_FALSE(c->passed);
-  EXPECT_EQ(c->detail, "still nearby when the run ended");
+             all(36.4, Kind::searchStopped)}),
+       {aLost, bLost}}};
+  for (const auto& [run, failing] : runs) {
+    SCOPED_TRACE("run " + std::to_string(&run - &runs[0].first));
+    timeline = DemoTimeline{demoDevices(kChange)};
+    play(run);
+    for (const Check& c : timeline.verdict().checks)
+      EXPECT_EQ(c.passed, std::find(failing.begin(), failing.end(), c.what) == failing.end())
+          << c.what << ": " << c.detail;
+  }
+  EXPECT_EQ(check(bLost).detail, "still nearby when the run ended");
 }
 
 TEST_F(DemoVerdictTest, RoomChangeFollowsTheMoversOwnStart) {
@@ -144,22 +129,21 @@ TEST_F(DemoVerdictTest, RoomChangeFollowsTheMoversOwnStart) {
                                {17.0, B, ev(Kind::clientLost, "id-a", "alice")}}),
                          "unexpected: same room"));
   play(all(36.5, Kind::searchStopped));
-  EXPECT_TRUE(check("A lost B after A's room changed")->passed);
-  EXPECT_FALSE(check("B lost A after A's room changed")->passed);
+  EXPECT_TRUE(check("A lost B after A's room changed").passed);
+  EXPECT_FALSE(check("B lost A after A's room changed").passed);
 }
 
 TEST_F(DemoVerdictTest, StrangersErrorsMissingStartsAndFailedExitsFail) {
-  play({{0.3, A, ev(Kind::searchStarted)}, {0.3, B, ev(Kind::searchStarted)}});
-  play(pair(2.1, Kind::clientFound));
-  play({{4.0, A, ev(Kind::clientFound, "id-x", "mallory")}});
-  play(pair(20.0, Kind::clientLost));
-  play({{30.0, B,
-         ev(Kind::searchStopped, "", std::nullopt, "com.tellora.quillmark.ErrorDomain 3002")}});
-  const auto c = check("every client searched and stopped without error");
-  ASSERT_TRUE(c);
-  EXPECT_FALSE(c->passed);
+  play(join(
+      {{{0.3, A, ev(Kind::searchStarted)}, {0.3, B, ev(Kind::searchStarted)}},
+       pair(2.1, Kind::clientFound),
+       {{4.0, A, ev(Kind::clientFound, "id-x", "mallory")}},
+       pair(20.0, Kind::clientLost),
+       {{30.0, B, ev(Kind::searchStopped, "", {}, "com.tellora.quillmark.ErrorDomain 3002")}}}));
+  const Check c = check("every client searched and stopped without error");
+  EXPECT_FALSE(c.passed);
   for (const char* part : {"C never started", "mallory", "3002"})
-    EXPECT_NE(c->detail.find(part), std::string::npos) << part;
+    EXPECT_NE(c.detail.find(part), std::string::npos) << part;
 
   timeline = DemoTimeline{demoDevices(kChange)};
   play(usualRun());

@@ -1,6 +1,13 @@
 // Temporary directories for tests that write real files.
 #pragma once
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
 #include <string>
 
 namespace tellora::testtools {
@@ -9,8 +16,14 @@ namespace tellora::testtools {
 // everything in it when the object goes away.
 class ScratchDir {
  public:
-  ScratchDir();
-  ~ScratchDir();
+  ScratchDir() : path_((std::filesystem::temp_directory_path() / "tellora-tools-XXXXXX").string()) {
+    if (::mkdtemp(path_.data()) == nullptr)
+      throw std::runtime_error(std::string("mkdtemp: ") + std::strerror(errno));
+  }
+  ~ScratchDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
   ScratchDir(const ScratchDir&) = delete;
   ScratchDir& operator=(const ScratchDir&) = delete;
 
@@ -22,6 +35,9 @@ class ScratchDir {
 };
 
 // The whole content of a file; empty when it cannot be read.
-std::string readFile(const std::string& path);
+inline std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
 
 }  // namespace tellora::testtools

@@ -29,30 +29,23 @@ double unitValue(uint32_t key) {
 
 constexpr int kPartials = 40;
 
-// Writes frames of `channels` items; false when libsndfile lacks the format.
+// Writes frames of `channels` items.
 template <class Item>
-bool writeFrames(const std::string& path, const Item* items, size_t frames, int channels, int rate,
+void writeFrames(const std::string& path, const std::vector<Item>& items, int channels, int rate,
                  int format) {
-  SF_INFO info{};
-  info.samplerate = rate;
-  info.channels = channels;
-  info.format = format;
-  if (!sf_format_check(&info)) return false;
-  SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+  SF_INFO info{0, rate, channels, format, 0, 0};
+  SNDFILE* file = sf_format_check(&info) ? sf_open(path.c_str(), SFM_WRITE, &info) : nullptr;
   if (file == nullptr)
     throw std::runtime_error("cannot write " + path + ": " + sf_strerror(nullptr));
-  const auto count = static_cast<sf_count_t>(frames);
+  const auto frames = static_cast<sf_count_t>(items.size() / channels);
   sf_count_t written = 0;
   if constexpr (std::is_same_v<Item, float>)
-    written = sf_writef_float(file, items, count);
+    written = sf_writef_float(file, items.data(), frames);
   else
-    written = sf_writef_short(file, items, count);
+    written = sf_writef_short(file, items.data(), frames);
   sf_close(file);
-  if (written != count) throw std::runtime_error("short write to " + path);
-  return true;
+  if (written != frames) throw std::runtime_error("short write to " + path);
 }
-
-}  // namespace
 
 double driftingChord(double seconds) {
   double sum = 0.0;
@@ -73,11 +66,12 @@ double driftingChord(double seconds) {
   return sum * 0.6 / std::sqrt(static_cast<double>(kPartials));
 }
 
+}  // namespace
+
 std::vector<float> chirp(int rate, double seconds, double f0, double f1) {
-  const size_t count = static_cast<size_t>(seconds * rate);
-  std::vector<float> samples(count);
+  std::vector<float> samples(static_cast<size_t>(seconds * rate));
   const double sweep = (f1 - f0) / seconds;
-  for (size_t i = 0; i < count; ++i) {
+  for (size_t i = 0; i < samples.size(); ++i) {
     const double t = static_cast<double>(i) / rate;
     samples[i] = static_cast<float>(0.5 * std::sin(2.0 * kPi * (f0 * t + 0.5 * sweep * t * t)));
   }
@@ -85,11 +79,9 @@ std::vector<float> chirp(int rate, double seconds, double f0, double f1) {
 }
 
 std::vector<float> renderChord(int rate, double startSeconds, double seconds) {
-  const size_t count = static_cast<size_t>(std::llround(seconds * rate));
-  std::vector<float> samples(count);
-  for (size_t i = 0; i < count; ++i) {
+  std::vector<float> samples(static_cast<size_t>(std::llround(seconds * rate)));
+  for (size_t i = 0; i < samples.size(); ++i)
     samples[i] = static_cast<float>(driftingChord(startSeconds + static_cast<double>(i) / rate));
-  }
   return samples;
 }
 
@@ -104,38 +96,27 @@ void addNoise(std::vector<float>& samples, float amplitude, uint32_t seed) {
 
 std::vector<int16_t> toItems(const std::vector<float>& samples) {
   std::vector<int16_t> items(samples.size());
-  for (size_t i = 0; i < samples.size(); ++i) {
-    const double v = std::clamp(static_cast<double>(samples[i]) * 32767.0, -32768.0, 32767.0);
-    items[i] = static_cast<int16_t>(std::lround(v));
-  }
+  for (size_t i = 0; i < samples.size(); ++i)
+    items[i] = static_cast<int16_t>(
+        std::lround(std::clamp(static_cast<double>(samples[i]) * 32767.0, -32768.0, 32767.0)));
   return items;
 }
 
 std::vector<int16_t> interleave(const std::vector<std::vector<int16_t>>& channels) {
-  const size_t frames = channels.empty() ? 0 : channels.front().size();
   std::vector<int16_t> out;
-  out.reserve(frames * channels.size());
-  for (size_t f = 0; f < frames; ++f) {
+  for (size_t f = 0; !channels.empty() && f < channels.front().size(); ++f)
     for (const auto& channel : channels)
       out.push_back(channel.at(f));
-  }
   return out;
 }
 
 void writeItems(const std::string& path, const std::vector<int16_t>& interleaved, int channels,
                 int rate, int majorFormat) {
-  if (!writeFrames(path, interleaved.data(), interleaved.size() / channels, channels, rate,
-                   majorFormat | SF_FORMAT_PCM_16))
-    throw std::runtime_error("libsndfile cannot write " + path);
+  writeFrames(path, interleaved, channels, rate, majorFormat | SF_FORMAT_PCM_16);
 }
 
 void writeFloatWav(const std::string& path, const std::vector<float>& samples, int rate) {
-  writeFrames(path, samples.data(), samples.size(), 1, rate, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
-}
-
-bool writeVorbis(const std::string& path, const std::vector<float>& samples, int rate) {
-  return writeFrames(path, samples.data(), samples.size(), 1, rate,
-                     SF_FORMAT_OGG | SF_FORMAT_VORBIS);
+  writeFrames(path, samples, 1, rate, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
 }
 
 }  // namespace tellora::testaudio

@@ -1,5 +1,5 @@
-// Deterministic test audio in the shapes the hash tests ask for, from the
-// shared test sounds.
+// Deterministic test audio in the shapes the hash tests and benchmarks ask
+// for, from the shared test sounds.
 #pragma once
 
 #include <cstdint>
@@ -16,15 +16,8 @@ inline std::vector<float> noise(size_t n, uint32_t seed, float amplitude = 0.5f)
   return out;
 }
 
-// A sine sweep from f0 to f1 Hz at rate sr.
-inline std::vector<float> sweep(size_t n, double f0, double f1, int sr) {
-  auto out = testaudio::chirp(sr, static_cast<double>(n) / sr, f0, f1);
-  out.resize(n);
-  return out;
-}
-
 // A chord of drifting partials, `seed` seconds into it: rich, never steady.
-inline std::vector<float> babble(size_t n, uint32_t seed, int sr) {
+inline std::vector<float> babble(size_t n, uint32_t seed, int sr = 8000) {
   return testaudio::renderChord(sr, seed, static_cast<double>(n) / sr);
 }
 
